@@ -1,0 +1,251 @@
+/*
+ * sharedmem.h - the frame store of libmolkutil.
+ *
+ * A block is one System V shared-memory segment and one semaphore set under
+ * one IPC key, cut into sectors: rings (one writer appends frames, readers
+ * follow) and cache sectors (a table of fixed-size slots). The segment is
+ * mapped at a different address in every process, so everything stored in
+ * it is an offset from the data base or an index.
+ *
+ * The records marked "in the segment" are a format shared byte for byte by
+ * every process on the device, 32-bit ARM and 64-bit host alike: they hold
+ * only fixed-width words and char arrays, in native byte order.
+ */
+#ifndef SHAREDMEM_H
+#define SHAREDMEM_H
+
+#include <stdint.h>
+#include <stdio.h>
+#include <sys/types.h>
+#include <sys/ipc.h>
+
+#include "molk_export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Format constants -------------------------------------------------- */
+
+#define SHM_HEADER_SLOT_SIZE   41088u /* bytes of every sector's header slot */
+#define SHM_CACHE_HEADER_USED  1256u  /* bytes of a slot a cache header uses */
+#define SHM_FRAME_ENTRIES      1280   /* ring entries, indices 0..1279 */
+#define SHM_CACHE_ENTRIES      36     /* cache slots, indices 0..35 */
+#define SHM_ATTACH_IDS         16     /* pin counters per entry */
+#define SHM_TAG_SIZE           36     /* tag fields; at most 35 characters */
+#define SHM_TAG_MAX            35
+
+#define SHM_SECTOR_RING        1u
+#define SHM_SECTOR_CACHE       2u
+#define SHM_MEMORY_SYSV        1u
+
+/* ---- Frame flag word (dwFlags) ----------------------------------------- */
+
+#define SHM_FRAME_P            0x1u    /* predicted frame; clear = key frame */
+#define SHM_FRAME_WRITING      0x2u    /* writer is about to overwrite it */
+#define SHM_FRAME_ERROR        0x4u    /* cache slot given up without content */
+#define SHM_FRAME_LAYER_MASK   0x38u   /* layer 0..7 of a predicted frame */
+#define SHM_FRAME_UNREAD       0x1000u /* keep until somebody has read it */
+#define SHM_FRAME_FORBIDDEN    0x2000u /* cache slot hidden from readers */
+
+/* ---- Read flags (SharedMemReadRequest.dwReadFlags) --------------------- */
+
+#define SHM_READ_IN_PLACE             0x1u
+#define SHM_READ_VIA_CACHE            0x2u
+#define SHM_READ_KEY_START            0x8u
+#define SHM_READ_MARK_ONLY            0x10u
+#define SHM_READ_CALIBRATE            0x20u
+#define SHM_READ_JUMP                 0x40u
+#define SHM_READ_RESTART              0x80u
+#define SHM_READ_NO_OVERTAKE          0x100u
+#define SHM_READ_CROSSOVER            0x200u
+#define SHM_READ_RATE_LIMIT           0x400u
+#define SHM_READ_ADAPTIVE_BY_ATTACH   0x800u
+#define SHM_READ_ADAPTIVE_MARK_ONLY   0x1000u
+#define SHM_READ_ADAPTIVE_RATE_LIMIT  0x2000u
+#define SHM_READ_LAYER_MASK           0x1C000u
+#define SHM_READ_NEW_ONLY             0x20000u
+#define SHM_READ_SIZE_LIMIT           0x40000u
+#define SHM_READ_FROM_OLDEST          0x80000u
+
+/* ---- Reasons (SharedMemReadRequest.dwReason) --------------------------- */
+
+#define SHM_REASON_NONE        0u
+#define SHM_REASON_CALIBRATED  1u
+#define SHM_REASON_JUMPED      2u
+#define SHM_REASON_CROSSOVER   3u
+#define SHM_REASON_FAILED      4u
+#define SHM_REASON_NO_MEMORY   5u
+#define SHM_REASON_MISUSE      6u
+#define SHM_REASON_LATEST      8u
+#define SHM_REASON_WAIT        9u
+#define SHM_REASON_NOT_YET     10u
+#define SHM_REASON_NOT_MARK    11u
+#define SHM_REASON_LAYER       12u
+#define SHM_REASON_TOO_EARLY   13u
+
+/* ---- Searches, writer statuses, cache buffer types --------------------- */
+
+#define SHM_SEARCH_ANY         0u
+#define SHM_SEARCH_FORWARD     1u
+#define SHM_SEARCH_BACKWARD    2u
+#define SHM_SEARCH_UNPINNED    1u
+#define SHM_SEARCH_COMPLETE    2u
+
+#define SHM_WRITE_OCCUPIED     2u
+#define SHM_WRITE_UNREAD       3u
+#define SHM_WRITE_TOO_LARGE    4u
+
+#define SHM_BUFFER_PRIMARY     0u
+#define SHM_BUFFER_SECONDARY   1u
+
+/* ---- Records in the segment (byte-exact, see src/framestore/segment.h) - */
+
+typedef struct SharedMemFrameEntry {      /* 32 bytes */
+    uint32_t dwFlags;
+    uint32_t dwTimeTick;                  /* ms; 0 = never written */
+    uint32_t dwOffset;                    /* from the data base */
+    uint32_t dwSize;                      /* rounded up to 4 bytes */
+    uint8_t  abyAccessCount[16];          /* one pin counter per AttachID */
+} SharedMemFrameEntry;
+
+typedef struct SharedMemCacheEntry {      /* 32 bytes, same layout */
+    uint32_t dwFlags, dwTimeTick, dwOffset, dwSize;
+    uint8_t  abyAccessCount[16];
+} SharedMemCacheEntry;
+
+typedef struct SharedMemSectorHeader {    /* 41088 bytes: one header slot */
+    uint32_t dwSectorType, dwMemoryType, dwTotalSize, dwPhysicalBase;
+    uint32_t dwEndOffset, dwStartOffset, dwWriteOffset, dwDuration;
+    int      iOldestIndex, iLatestIndex, iWriteIndex, iBoundaryIndex;
+    int      iMaxIndex;
+    char     szTag[36];
+    char     szSecondTag[36];
+    uint8_t  abyReserved[2];
+    uint8_t  byTimeshift;
+    uint8_t  byHasNext;
+    SharedMemFrameEntry atFrame[1280];
+} SharedMemSectorHeader;
+
+typedef struct SharedMemCacheHeader {     /* 1256 bytes used of its slot */
+    uint32_t dwSectorType, dwMemoryType, dwTotalSize, dwPhysicalBase;
+    uint32_t dwEndOffset, dwStartOffset, dwOverwrittenFlags;
+    uint32_t dwPrimarySize, dwSecondarySize, dwLeftSize;
+    int      iOldestIndex, iLatestIndex, iWriteIndex;
+    int      iPrimaryBoundary, iSecondaryBoundary, iSecondaryEnd;
+    char     szTag[36];
+    uint8_t  abyReserved[3];
+    uint8_t  byHasNext;
+    SharedMemCacheEntry atCache[36];
+} SharedMemCacheHeader;
+
+/* ---- Per-process records ----------------------------------------------- */
+
+typedef struct SharedMemBlockConfig {
+    uint32_t dwMemoryType;                /* must be 1 (System V) */
+    uint32_t dwReserved1, dwReserved2;
+    uint32_t dwPrimarySize;               /* default cache slot size */
+    uint32_t dwSecondarySize;
+} SharedMemBlockConfig;
+
+/* One process's attachment; made by SharedMemBlock_Attach, freed by
+ * SharedMemBlock_Detach. */
+typedef struct SharedMemBlockInfo {
+    void *pvDataBase;     /* base of every dwOffset */
+    void *pvHeaderBase;   /* header slot 0 */
+    int   iShmId;
+    int   iSemId;
+    int   iSectorNum;
+} SharedMemBlockInfo;
+
+/* One process's open sector; made by SharedMem_Initial[ByTag], freed by
+ * SharedMem_Release. Belongs to one thread at a time. */
+typedef struct SharedMemHandle {
+    SharedMemCacheHeader  *ptCacheHeader;  /* companion cache of a ring */
+    void                  *pvBase;
+    SharedMemSectorHeader *ptHeader;       /* a cache sector's slot too, by cast */
+    int       iAttachId;                   /* 0..15 pin; 16+ pins nothing */
+    int       iSemId;
+    int       iSectorIndex;                /* also its semaphore number */
+    int       iCacheIndex;
+    uint32_t *pdwAdaptiveStamp;
+    uint32_t  dwLastCacheTick;
+    uint32_t  dwWriteStatus;               /* 0 or SHM_WRITE_* */
+} SharedMemHandle;
+
+typedef struct SharedMemWriteInfo {
+    uint8_t *pbyBuffer;
+    uint32_t dwFlags, dwSize, dwTimeTick;
+} SharedMemWriteInfo;
+
+typedef struct SharedMemBufClient {
+    int      iLastIndex, iDeliveredIndex, iCacheSlot;
+    uint32_t dwHeld, dwLastTimeTick, dwDeliveredTimeTick;
+    SharedMemHandle *ptHandle;
+    uint32_t dwHoldType, dwAdaptiveActive, dwRateCarry, dwLayerWait;
+} SharedMemBufClient;
+
+typedef struct SharedMemReadRequest {
+    uint32_t dwReadFlags, dwDelay, dwRefTimeTick, dwAdaptiveWindow;
+    uint32_t dwReason, dwMinInterval, dwCacheClass, dwSizeLimit;
+} SharedMemReadRequest;
+
+/* ---- Exported data ----------------------------------------------------- */
+
+/* Low 3 bits: log level 0..7 (default 6). Bit 4: pin trace. Bit 5: margin
+ * trace. Bit 6: cache slot search trace. Bit 7: failed cache reads. */
+MOLK_API extern uint32_t      gShm_DebugLevel;
+MOLK_API extern uint32_t      gShm_Clktck;        /* set by SharedMemBlock_Attach */
+MOLK_API extern const uint8_t g_abyNULLArray[16];
+MOLK_API extern const char    shmem_rcsid[];
+MOLK_API extern const char    molkutil_lib_rcsid[];
+
+/* ---- Blocks ------------------------------------------------------------ */
+
+MOLK_API int CheckShmMax(uint32_t dwSize);
+MOLK_API int SharedMemBlock_Allocate(key_t key, char *szTotalSize, int iSectorNum,
+                                     SharedMemBlockConfig *ptConfig, char **pszSectorDesc);
+MOLK_API int SharedMemBlock_Delete(key_t key);
+MOLK_API int SharedMemBlock_Attach(SharedMemBlockInfo **pptInfo, uint32_t dwReserved, key_t key);
+MOLK_API int SharedMemBlock_Detach(SharedMemBlockInfo **pptInfo);
+MOLK_API int SharedMemBlock_UpdateTagName(SharedMemBlockInfo *ptInfo, int iSectorIndex,
+                                          const char *szText);
+MOLK_API int SharedMemBlock_FlushAccessCountWithAttachId(SharedMemBlockInfo *ptInfo,
+                                                         int iAttachId);
+MOLK_API int SharedMemBlock_Repartition(SharedMemBlockInfo *ptInfo, int iDescNum,
+                                        char **pszSectorDesc);
+
+/* ---- Handles, locks, logging ------------------------------------------- */
+
+MOLK_API int   SharedMem_SemaphoreInit(key_t key, int iSemNum);
+MOLK_API int   SharedMem_SemaphoreP(int iSemId, int iSemIndex);
+MOLK_API int   SharedMem_SemaphoreV(int iSemId, int iSemIndex);
+MOLK_API void  SharedMem_UpdateDebugLevel(void);
+MOLK_API void *SharedMem_FindTag(void *pvHeaderBase, const char *szTag, int iSectorNum,
+                                 int *piIndex);
+MOLK_API int   SharedMem_AddCache(SharedMemBlockInfo *ptInfo, SharedMemHandle *ptHandle,
+                                  const char *szTag);
+MOLK_API int   SharedMem_Initial(SharedMemBlockInfo *ptInfo, SharedMemHandle **pptHandle,
+                                 int iSectorIndex, int iAttachId);
+MOLK_API int   SharedMem_InitialByTag(SharedMemBlockInfo *ptInfo, SharedMemHandle **pptHandle,
+                                      const char *szTag, int iAttachId);
+MOLK_API int   SharedMem_Release(SharedMemHandle **pptHandle);
+MOLK_API int   SharedMem_ResetHeader(void *ptHeader, int iSemId, int iSectorIndex);
+MOLK_API int   SharedMem_Reset(SharedMemHandle *ptHandle);
+MOLK_API int   SharedMem_CheckTimeshift(SharedMemHandle *ptHandle, uint32_t *pdwDuration);
+MOLK_API int   SharedMem_QuerySetting(SharedMemHandle *ptHandle, uint32_t *pdwSectorType,
+                                      uint32_t *pdwMemoryType);
+MOLK_API int   SharedMem_Dump(SharedMemHandle *ptHandle, FILE *ptFile);
+MOLK_API uint32_t SharedMem_GetPhyAddress(SharedMemHandle *ptHandle, void *pvAddress);
+
+/* ---- Frame clock ------------------------------------------------------- */
+
+/* 1 when a is later than b, -1 when earlier, 0 when equal; wrap-safe. The
+ * shorter distance between the two goes to *pdwDistance when given. */
+MOLK_API int SharedMem_DWComparator(uint32_t dwA, uint32_t dwB, uint32_t *pdwDistance);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* SHAREDMEM_H */

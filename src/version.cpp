@@ -1,0 +1,7 @@
+// Version texts that the device's tools grep out of the binary.
+#include "sharedmem.h"
+
+extern "C" {
+const char shmem_rcsid[] = "$Id: 1.0.2.24 shmem 2018/10/26 17:00:00 $";
+const char molkutil_lib_rcsid[] = "$Id: 1.2.4.3 molkutil 2015/12/01 21:21 $";
+}
