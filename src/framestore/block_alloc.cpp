@@ -24,6 +24,12 @@ struct Layout {
     const SharedMemBlockConfig *config;
 };
 
+// The size a description gave, after clamping: for sector 0 it counts the
+// header slots too, since that sector's area begins at offset 0.
+uint32_t StatedSize(int index, uint32_t start, uint32_t end) {
+    return index == 0 ? end : end - start;
+}
+
 uint32_t StartOfSector(void *base, int index, int count) {
     if (index == 0) return static_cast<uint32_t>(count) * shm::kSlotSize;
     return static_cast<SharedMemSectorHeader *>(shm::SlotAt(base, index - 1))->dwEndOffset;
@@ -54,7 +60,7 @@ void FillRing(SharedMemSectorHeader *ring, const SectorDesc &desc, const Layout 
     ring->byTimeshift = desc.timeshift ? 1 : 0;
     ring->byHasNext = 1;
     printf("Sector[%d]%s = %u, %s %s\n", index, desc.timeshift ? " timeshift" : "",
-           end - start, ring->szTag, ring->szSecondTag);
+           StatedSize(index, start, end), ring->szTag, ring->szSecondTag);
 }
 
 int FillCache(SharedMemCacheHeader *cache, const SectorDesc &desc, const Layout &layout,
@@ -78,7 +84,7 @@ int FillCache(SharedMemCacheHeader *cache, const SectorDesc &desc, const Layout 
                cache->dwPrimarySize, cache->dwSecondarySize, cache->dwLeftSize);
         return -1;
     }
-    printf("Cache[%d] = %u, %s\n", index, end - start, cache->szTag);
+    printf("Cache[%d] = %u, %s\n", index, StatedSize(index, start, end), cache->szTag);
     return 0;
 }
 

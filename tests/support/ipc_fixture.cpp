@@ -35,8 +35,8 @@ SharedMemBlockInfo *IpcTest::MakeBlock(const char *total, std::vector<std::strin
 }
 
 SharedMemSectorHeader *IpcTest::Ring(SharedMemBlockInfo *info, int index) {
-    return reinterpret_cast<SharedMemSectorHeader *>(static_cast<uint8_t *>(info->pvHeaderBase) +
-                                                     index * SHM_HEADER_SLOT_SIZE);
+    void *slot = static_cast<uint8_t *>(info->pvHeaderBase) + index * SHM_HEADER_SLOT_SIZE;
+    return static_cast<SharedMemSectorHeader *>(slot);
 }
 
 SharedMemCacheHeader *IpcTest::Cache(SharedMemBlockInfo *info, int index) {

@@ -57,7 +57,8 @@ int CmdInfo(int argc, char **argv) {
     SharedMemBlockInfo *info = AttachOrFail(key);
     if (info == nullptr) return 1;
     const uint8_t *slots = static_cast<const uint8_t *>(info->pvHeaderBase);
-    const SharedMemSectorHeader *first = reinterpret_cast<const SharedMemSectorHeader *>(slots);
+    const SharedMemSectorHeader *first =
+        static_cast<const SharedMemSectorHeader *>(info->pvHeaderBase);
     printf("block 0x%x: %u bytes, %d sectors, semaphore set %d\n", static_cast<unsigned>(key),
            first->dwTotalSize, info->iSectorNum, info->iSemId);
     for (int i = 0; i < info->iSectorNum; ++i) {
