@@ -244,6 +244,60 @@ MOLK_API uint32_t SharedMem_GetPhyAddress(SharedMemHandle *ptHandle, void *pvAdd
  * shorter distance between the two goes to *pdwDistance when given. */
 MOLK_API int SharedMem_DWComparator(uint32_t dwA, uint32_t dwB, uint32_t *pdwDistance);
 
+/* ---- Frame ring writer ------------------------------------------------- */
+
+/* The cycle: query a place, fill the frame's bytes there without any lock,
+ * publish with SharedMem_UpdateWritedBuffer. A refused query (-1) leaves
+ * its reason in dwWriteStatus: 0 (no room: rewind), SHM_WRITE_OCCUPIED,
+ * SHM_WRITE_UNREAD (no place for now) or SHM_WRITE_TOO_LARGE (never). */
+MOLK_API int  SharedMem_QueryWriteBuffer(SharedMemHandle *ptHandle, uint8_t **ppbyBuffer,
+                                         uint32_t *pdwSize);
+MOLK_API int  SharedMem_QueryAutoRewindWriteBuffer(SharedMemHandle *ptHandle,
+                                                   uint8_t **ppbyBuffer, uint32_t dwSize);
+MOLK_API int  SharedMem_UpdateWritedBuffer(SharedMemHandle *ptHandle, SharedMemWriteInfo *ptInfo);
+MOLK_API int  SharedMem_PrepareRewindWriteBuffer(SharedMemSectorHeader *ptHeader,
+                                                 uint32_t *pdwStatus);
+MOLK_API int  SharedMem_RewindWriteBuffer(SharedMemHandle *ptHandle);
+MOLK_API int  SharedMem_QueryWriteStatus(SharedMemHandle *ptHandle, uint32_t *pdwStatus);
+/* Called with the sector's lock held. */
+MOLK_API int  SharedMem_CheckFrameOccupied(SharedMemSectorHeader *ptHeader, uint32_t dwEndOffset,
+                                           uint32_t *pdwStatus);
+MOLK_API void SharedMem_ClearFrameOccupied(SharedMemSectorHeader *ptHeader, int iIndex);
+MOLK_API void SharedMem_DumpFrameOccupied(SharedMemFrameEntry *ptEntry, uint32_t *pdwSum);
+
+/* ---- Reader clients and frame pinning ----------------------------------- */
+
+/* A client is made by the first read query (calloc) and ended by
+ * SharedMem_FreeBufClient; its handle must outlive it. */
+MOLK_API int SharedMem_CheckIndexValid(SharedMemSectorHeader *ptHeader, int iIndex,
+                                       uint32_t dwTimeTick, uint32_t *pdwNextIndex);
+/* szPurpose "query" or "release": a release may give back the pin of a
+ * frame that is no longer live while its entry still carries it. */
+MOLK_API int SharedMem_CheckClientValid(SharedMemSectorHeader *ptHeader,
+                                        SharedMemBufClient *ptClient, const char *szPurpose);
+MOLK_API int SharedMem_ReleaseReadBuffer(SharedMemBufClient *ptClient);
+MOLK_API int SharedMem_QueryLastBufClient(SharedMemBufClient *ptClient); /* -2 for null */
+MOLK_API int SharedMem_FreeBufClient(SharedMemBufClient **pptClient);
+MOLK_API int SharedMem_CheckClientValidByTimeTick(SharedMemCacheHeader *ptHeader,
+                                                  SharedMemBufClient *ptClient);
+
+/* ---- Tick search -------------------------------------------------------- */
+
+/* Lock-free walks for the entry nearest to dwRefTimeTick - dwDelay; -1 when
+ * the ring moved too far under the walk. *pdwKey gets the last key frame
+ * passed. */
+MOLK_API int SharedMem_ForwardSearch(SharedMemSectorHeader *ptHeader, uint32_t dwStart,
+                                     uint32_t *pdwKey, SharedMemReadRequest *ptRequest);
+MOLK_API int SharedMem_BackwardSearch(SharedMemSectorHeader *ptHeader, uint32_t dwStart,
+                                      uint32_t *pdwKey, SharedMemReadRequest *ptRequest);
+MOLK_API int SharedMem_BackwardSearchPreSize(SharedMemSectorHeader *ptHeader, uint32_t dwStart,
+                                             uint32_t *pdwKey, SharedMemReadRequest *ptRequest);
+MOLK_API int SharedMem_QueryDeltaTimeBuffer(SharedMemSectorHeader *ptHeader, uint32_t dwStart,
+                                            uint32_t dwDirection, SharedMemReadRequest *ptRequest);
+MOLK_API int SharedMem_GetRequestTimeTick(uint32_t dwReserved, SharedMemFrameEntry *ptEntry,
+                                          uint32_t dwFilter, uint32_t *pdwBestTick,
+                                          uint32_t *pdwFound, uint32_t dwDirection);
+
 #ifdef __cplusplus
 }
 #endif

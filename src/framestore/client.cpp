@@ -1,0 +1,159 @@
+// Reader clients: the per-process cursor record and the pin it holds, the
+// test that judges a client against a ring that has moved on under it, and
+// the release of the pin.
+//
+// A client's proof that its entry still carries its frame is the tick the
+// entry had when the cursor went there (dwLastTimeTick). A reader may give
+// back the pin of a frame that is no longer live as long as the entry still
+// carries that frame; it may not go on reading from it.
+#include <cstdio>
+#include <cstdlib>
+#include <syslog.h>
+
+#include "framestore/lock.h"
+#include "framestore/log.h"
+#include "framestore/ring.h"
+
+namespace {
+
+enum HoldType : uint32_t { kHoldRing = 1, kHoldCache = 2 };
+
+// A release complaint is a warning (priority 4, also to syslog); a failed
+// query is everyday flow, since the client is simply placed anew
+// (priority 6, never to syslog). The priority doubles as the debug level.
+void ReportInvalid(const SharedMemSectorHeader *ring, const SharedMemBufClient *client,
+                   const char *purpose, int latest, int oldest, int boundary, uint32_t tick) {
+    int priority = purpose[0] == 'r' ? LOG_WARNING : LOG_INFO;
+    bool print = shm::LevelAtLeast(static_cast<uint32_t>(priority));
+    bool toSyslog = priority <= LOG_WARNING;
+    if (!print && !toSyslog) return;
+    int attachId = client->ptHandle != nullptr ? client->ptHandle->iAttachId : -1;
+    if (print) {
+        shm::LogPrint("%.35s[%d] %s validity check fail, L:%d O:%d B:%d La:%d, %u:%u\n",
+                      ring->szTag, attachId, purpose, latest, oldest, boundary,
+                      client->iLastIndex, tick, client->dwLastTimeTick);
+    }
+    if (toSyslog) {
+        syslog(priority, "%.35s[%d] %s validity check fail, L:%d O:%d B:%d La:%d, %u:%u\n",
+               ring->szTag, attachId, purpose, latest, oldest, boundary, client->iLastIndex, tick,
+               client->dwLastTimeTick);
+    }
+}
+
+// Lowers the pin of a ring hold, under the ring's lock. A client whose
+// entry no longer carries its frame (rewritten, or the ring was reset) has
+// lost its pin with it: nothing is lowered and the cursor is given up.
+void DropRingHold(SharedMemBufClient *client) {
+    SharedMemHandle *handle = client->ptHandle;
+    SharedMemSectorHeader *ring = handle->ptHeader;
+    // A lock that cannot be taken has been logged; the count is still
+    // brought right, since the pin would otherwise never go away.
+    shm::SectorLock lock(handle->iSemId, handle->iSectorIndex);
+    if (ring == nullptr || SharedMem_CheckClientValid(ring, client, "release") != 0) {
+        client->iLastIndex = -1;
+        return;
+    }
+    int index = client->iLastIndex;
+    shm::LowerPin(ring->atFrame[index].abyAccessCount, index, handle->iAttachId);
+}
+
+// Lowers the pin of a copy held in the handle's cache sector, under that
+// sector's lock. Cache slots carry no cursor proof: no validity test.
+void DropCacheHold(SharedMemBufClient *client) {
+    SharedMemHandle *handle = client->ptHandle;
+    shm::SectorLock lock(handle->iSemId, handle->iCacheIndex);
+    SharedMemCacheHeader *cache = handle->ptCacheHeader;
+    int slot = client->iCacheSlot;
+    if (cache == nullptr || slot < 0 || slot >= shm::kCacheEntries) return;
+    shm::LowerPin(cache->atCache[slot].abyAccessCount, slot, handle->iAttachId);
+}
+
+void DropHold(SharedMemBufClient *client) {
+    if (client->dwHoldType == kHoldRing) {
+        DropRingHold(client);
+    } else if (client->dwHoldType == kHoldCache) {
+        DropCacheHold(client);
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+MOLK_API int SharedMem_CheckIndexValid(SharedMemSectorHeader *ptHeader, int iIndex,
+                                       uint32_t dwTimeTick, uint32_t *pdwNextIndex) {
+    if (ptHeader == nullptr || iIndex < 0 || iIndex > shm::MaxIndex(ptHeader)) return -1;
+    int latest = shm::LoadIndex(ptHeader->iLatestIndex);
+    int oldest = shm::LoadIndex(ptHeader->iOldestIndex);
+    int boundary = shm::LoadIndex(ptHeader->iBoundaryIndex);
+    bool same = shm::LoadWord(ptHeader->atFrame[iIndex].dwTimeTick) == dwTimeTick;
+    if (pdwNextIndex != nullptr) {
+        *pdwNextIndex = iIndex < boundary ? static_cast<uint32_t>(iIndex + 1) : 0u;
+    }
+    return same && shm::IsLive(iIndex, latest, oldest, boundary) ? 0 : -1;
+}
+
+MOLK_API int SharedMem_CheckClientValid(SharedMemSectorHeader *ptHeader,
+                                        SharedMemBufClient *ptClient, const char *szPurpose) {
+    if (ptHeader == nullptr || ptClient == nullptr) return -1;
+    const char *purpose = szPurpose != nullptr ? szPurpose : "query";
+    int index = ptClient->iLastIndex;
+    if (static_cast<uint32_t>(index) > static_cast<uint32_t>(shm::MaxIndex(ptHeader))) return -1;
+    uint32_t tick = shm::LoadWord(ptHeader->atFrame[index].dwTimeTick);
+    if (tick == 0) return -1;  // the ring has been reset under the client
+
+    int latest = shm::LoadIndex(ptHeader->iLatestIndex);
+    int oldest = shm::LoadIndex(ptHeader->iOldestIndex);
+    int boundary = shm::LoadIndex(ptHeader->iBoundaryIndex);
+    bool same = tick == ptClient->dwLastTimeTick;
+    bool live = shm::IsLive(index, latest, oldest, boundary);
+    if (same && live) return 0;
+    ReportInvalid(ptHeader, ptClient, purpose, latest, oldest, boundary, tick);
+    bool release = purpose[0] == 'r';
+    return release && same ? 0 : -1;
+}
+
+MOLK_API int SharedMem_ReleaseReadBuffer(SharedMemBufClient *ptClient) {
+    if (ptClient == nullptr || ptClient->ptHandle == nullptr) return -1;
+    if (ptClient->dwHeld == 0) return 0;
+    DropHold(ptClient);
+    ptClient->dwHeld = 0;
+    return 0;
+}
+
+MOLK_API int SharedMem_QueryLastBufClient(SharedMemBufClient *ptClient) {
+    return ptClient != nullptr ? ptClient->iLastIndex : -2;
+}
+
+MOLK_API int SharedMem_FreeBufClient(SharedMemBufClient **pptClient) {
+    if (pptClient == nullptr) return -1;
+    SharedMemBufClient *client = *pptClient;
+    if (client == nullptr) return 0;
+    if (client->ptHandle != nullptr && client->dwHeld != 0) DropHold(client);
+    printf("SharedMem_FreeBufClient %p\n", static_cast<void *>(client));
+    free(client);
+    *pptClient = nullptr;
+    return 0;
+}
+
+// The cache reader's test: the client's tick must lie within the ticks of
+// the sector's oldest and latest entries, compared as plain numbers; when
+// oldest >= latest the range has wrapped past 0.
+MOLK_API int SharedMem_CheckClientValidByTimeTick(SharedMemCacheHeader *ptHeader,
+                                                  SharedMemBufClient *ptClient) {
+    if (ptHeader == nullptr || ptClient == nullptr) return -1;
+    int oldestIndex = shm::LoadIndex(ptHeader->iOldestIndex);
+    int latestIndex = shm::LoadIndex(ptHeader->iLatestIndex);
+    if (oldestIndex < 0 || oldestIndex >= shm::kCacheEntries || latestIndex < 0 ||
+        latestIndex >= shm::kCacheEntries) {
+        return -1;  // nothing written yet: no range at all
+    }
+    uint32_t oldest = shm::LoadWord(ptHeader->atCache[oldestIndex].dwTimeTick);
+    uint32_t latest = shm::LoadWord(ptHeader->atCache[latestIndex].dwTimeTick);
+    uint32_t tick = ptClient->dwLastTimeTick;
+    bool inside = oldest < latest ? (oldest <= tick && tick <= latest)
+                                  : (tick >= oldest || tick <= latest);
+    return inside ? 0 : -1;
+}
+
+}  // extern "C"

@@ -1,0 +1,105 @@
+// What the ring writer, the reader clients and the tick searches share:
+// entry access, the live test, pins, and how index words are loaded and
+// stored while other processes look at them.
+//
+// Indices, O = iOldestIndex, L = iLatestIndex, W = iWriteIndex,
+// B = iBoundaryIndex. The ring is always in one of four forms:
+//   empty            O = L = B = -1, W = 0, dwWriteOffset = dwStartOffset
+//   one generation   O = 0, L = B = W - 1                 live: 0..L
+//   just rewound     O = W = 0, L = B, dwWriteOffset = dwStartOffset
+//                                                        live: 0..B
+//   two generations  0 <= L, W = L + 1, W <= O <= B      live: O..B, 0..L
+// so an index i names a live frame when i <= B and not (L < i < O).
+//
+// Only the writer process stores the index words and the entries' offsets,
+// sizes and ticks; readers load them without any lock. Every such word is
+// accessed as one aligned 32-bit load or store (relaxed atomics: plain
+// ldr/str on ARM, but the compiler may neither tear nor re-read them).
+// Pin counters and SHM_FRAME_WRITING change only under the sector lock.
+#ifndef MOLK_FRAMESTORE_RING_H
+#define MOLK_FRAMESTORE_RING_H
+
+#include <cstdint>
+#include <cstring>
+
+#include "framestore/log.h"
+#include "framestore/segment.h"
+
+namespace shm {
+
+constexpr int kLastEntry = kFrameEntries - 1;
+constexpr uint32_t kRingPinMask = 0xFu;  // AttachIDs 0..15 own a counter
+
+inline int LoadIndex(const int &word) { return __atomic_load_n(&word, __ATOMIC_RELAXED); }
+inline uint32_t LoadWord(const uint32_t &word) { return __atomic_load_n(&word, __ATOMIC_RELAXED); }
+inline void StoreIndex(int &word, int value) { __atomic_store_n(&word, value, __ATOMIC_RELAXED); }
+inline void StoreWord(uint32_t &word, uint32_t value) {
+    __atomic_store_n(&word, value, __ATOMIC_RELAXED);
+}
+
+// Ring frames occupy their size rounded up to 4 bytes. Done in 64 bits so
+// that a size near 2^32 cannot round to 0.
+inline uint64_t RoundFrameSize(uint32_t size) {
+    return (static_cast<uint64_t>(size) + (kFrameAlign - 1)) & ~static_cast<uint64_t>(kFrameAlign - 1);
+}
+
+// The highest entry index a walk may touch: iMaxIndex, but never past the
+// table, whatever the segment says.
+inline int MaxIndex(const SharedMemSectorHeader *ring) {
+    int max = LoadIndex(ring->iMaxIndex);
+    return max < kLastEntry ? max : kLastEntry;
+}
+
+inline bool InTable(int index) { return index >= 0 && index <= kLastEntry; }
+
+// Bytes from `from` to the end of the data area; 0 if `from` lies beyond.
+inline uint32_t RoomFrom(const SharedMemSectorHeader *ring, uint32_t from) {
+    uint32_t end = ring->dwEndOffset;
+    return from < end ? end - from : 0;
+}
+
+// The live test on one consistent set of index values.
+inline bool IsLive(int index, int latest, int oldest, int boundary) {
+    return index <= boundary && !(latest < index && index < oldest);
+}
+
+// The live test on the ring as it stands now. The words are loaded one by
+// one: a writer may move them in between, which callers tolerate by
+// testing the tick and, before a pin, SHM_FRAME_WRITING under the lock.
+inline bool IsLive(const SharedMemSectorHeader *ring, int index) {
+    return IsLive(index, LoadIndex(ring->iLatestIndex), LoadIndex(ring->iOldestIndex),
+                  LoadIndex(ring->iBoundaryIndex));
+}
+
+// True when any of the entry's 16 pin counters is not zero.
+inline bool HasPins(const uint8_t (&counts)[16]) {
+    return memcmp(counts, g_abyNULLArray, sizeof counts) != 0;
+}
+
+inline bool PinsCounted(int attachId) {
+    return static_cast<uint32_t>(attachId) <= kRingPinMask;
+}
+
+// Raises this AttachID's counter of an entry. Sector lock held. 8 bits,
+// unchecked: staying below 256 holds per AttachID is the caller's part.
+inline void RaisePin(uint8_t (&counts)[16], int index, int attachId) {
+    if (!PinsCounted(attachId)) return;
+    uint8_t now = ++counts[attachId];
+    SHM_TRACE(kTracePins, "\trequest %d, AttachID %d count to %d\n", index, attachId, now);
+}
+
+// Lowers it again; a counter at 0 is reported, never wrapped. Sector lock
+// held.
+inline void LowerPin(uint8_t (&counts)[16], int index, int attachId) {
+    if (!PinsCounted(attachId)) return;
+    if (counts[attachId] == 0) {
+        SHM_LOG(kLevelConflict, "release unoccupied buffer?");
+        return;
+    }
+    uint8_t now = --counts[attachId];
+    SHM_TRACE(kTracePins, "\trelease %d, AttachID %d count to %d\n", index, attachId, now);
+}
+
+}  // namespace shm
+
+#endif  // MOLK_FRAMESTORE_RING_H

@@ -1,0 +1,278 @@
+// The writing side of a ring: one process per ring asks for a place, fills
+// the frame's bytes in place without any lock, and publishes the frame.
+//
+// The sector lock is held only while the entries in the way are tested and
+// marked SHM_FRAME_WRITING, so that a reader's pin (tested under the same
+// lock) and the writer's mark exclude each other: either the pin comes
+// first and the writer refuses the place, or the mark comes first and the
+// reader is refused. A refusal leaves every index and offset as it was
+// (but for a finished rewind); the marks stay, and the next attempt passes
+// over them again.
+//
+// Offsets are bytes from the data base; sizes are rounded up to 4 bytes.
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "framestore/clock.h"
+#include "framestore/lock.h"
+#include "framestore/log.h"
+#include "framestore/ring.h"
+
+namespace {
+
+using shm::LoadIndex;
+using shm::StoreIndex;
+
+void SetStatus(uint32_t *status, uint32_t value) {
+    if (status != nullptr) *status = value;
+}
+
+// Entries from W on, while they lie before the end E of the coming write
+// (forms just rewound and two generations). Entry W itself is always
+// taken, even when its bytes are out of reach: its entry is reused.
+int ClaimOldFrames(SharedMemSectorHeader *ring, int write, uint32_t end, uint32_t *status) {
+    int boundary = ring->iBoundaryIndex;
+    if (boundary > shm::MaxIndex(ring)) boundary = shm::MaxIndex(ring);
+    for (int i = write; i <= boundary; ++i) {
+        SharedMemFrameEntry &entry = ring->atFrame[i];
+        if (i != write && entry.dwOffset >= end) return 0;
+        if (shm::HasPins(entry.abyAccessCount)) {
+            SHM_LOG(shm::kLevelConflict, "frame %d occupied by somebody!\n", i);
+            SetStatus(status, SHM_WRITE_OCCUPIED);
+            return -1;
+        }
+        if (entry.dwFlags & SHM_FRAME_UNREAD) {
+            SetStatus(status, SHM_WRITE_UNREAD);
+            return -1;
+        }
+        entry.dwFlags |= SHM_FRAME_WRITING;
+    }
+    return 0;
+}
+
+// Entry W in forms empty and one generation: stale, belonging to nobody.
+// Pins left on it are wiped; an unread mark still stops the writer.
+int ClaimStaleEntry(SharedMemFrameEntry &entry, int index, uint32_t *status) {
+    if (entry.dwFlags & SHM_FRAME_UNREAD) {
+        SHM_LOG(shm::kLevelConflict, "unknown frame %d UNREAD!\n", index);
+        SetStatus(status, SHM_WRITE_UNREAD);
+        return -1;
+    }
+    if (shm::HasPins(entry.abyAccessCount)) {
+        shm::LogError("unknown frame %d OCCUPIED!\n", index);
+        memset(entry.abyAccessCount, 0, sizeof entry.abyAccessCount);
+    }
+    return 0;
+}
+
+// The rewind gives up the older generation, W..B, all at once; every one of
+// its frames must be free. Marks what passes. Takes no lock itself.
+int ClaimOlderGeneration(SharedMemSectorHeader *ring, uint32_t *status) {
+    int write = ring->iWriteIndex;
+    int oldest = ring->iOldestIndex;
+    int boundary = ring->iBoundaryIndex;
+    int last = boundary < shm::MaxIndex(ring) ? boundary : shm::MaxIndex(ring);
+    for (int i = write < 0 ? 0 : write; i <= last; ++i) {
+        SharedMemFrameEntry &entry = ring->atFrame[i];
+        if (shm::HasPins(entry.abyAccessCount)) {
+            SHM_LOG(shm::kLevelConflict, "frame %d occupied, rewind fail. %d-%d-%d\n", i, write,
+                    oldest, boundary);
+            SetStatus(status, SHM_WRITE_OCCUPIED);
+            return -1;
+        }
+        if (entry.dwFlags & SHM_FRAME_UNREAD) {
+            SHM_LOG(shm::kLevelConflict, "frame %d unread, rewind fail. %d-%d-%d\n", i, write,
+                    oldest, boundary);
+            SetStatus(status, SHM_WRITE_UNREAD);
+            return -1;
+        }
+        entry.dwFlags |= SHM_FRAME_WRITING;
+    }
+    return 0;
+}
+
+// Starts a new lap: the newer generation 0..L becomes the only one. B goes
+// down to L before O goes to 0, so that a reader loading the words one by
+// one never sees the given-up entries above L as live again.
+void Rewind(SharedMemSectorHeader *ring) {
+    StoreIndex(ring->iBoundaryIndex, LoadIndex(ring->iLatestIndex));
+    StoreIndex(ring->iOldestIndex, 0);
+    StoreIndex(ring->iWriteIndex, 0);
+    shm::StoreWord(ring->dwWriteOffset, ring->dwStartOffset);
+}
+
+// The oldest entry after a frame that ends at newEnd has been stored in
+// entry W: old frames whose first byte lies below newEnd are lost, and so
+// is the frame whose entry was just reused.
+int OldestAfterWrite(const SharedMemSectorHeader *ring, int write, uint32_t newEnd) {
+    int oldest = ring->iOldestIndex;
+    if (oldest < write) return 0;  // empty or one generation: nothing lost
+    int boundary = ring->iBoundaryIndex;
+    int last = boundary < shm::kLastEntry ? boundary : shm::kLastEntry;
+    int i = oldest;
+    while (i <= last && ring->atFrame[i].dwOffset < newEnd) ++i;
+    return i > boundary ? 0 : i;
+}
+
+uint32_t DurationOf(const SharedMemSectorHeader *ring, int oldest, int latest) {
+    uint32_t distance = 0;
+    SharedMem_DWComparator(ring->atFrame[oldest].dwTimeTick, ring->atFrame[latest].dwTimeTick,
+                           &distance);
+    return distance;
+}
+
+bool UsableRing(const SharedMemHandle *handle) {
+    return handle != nullptr && handle->ptHeader != nullptr;
+}
+
+}  // namespace
+
+extern "C" {
+
+MOLK_API int SharedMem_CheckFrameOccupied(SharedMemSectorHeader *ptHeader, uint32_t dwEndOffset,
+                                          uint32_t *pdwStatus) {
+    if (ptHeader == nullptr) return -1;
+    int write = ptHeader->iWriteIndex;
+    // An index outside the table has no entry to test and no place to give.
+    if (write < 0 || write > shm::MaxIndex(ptHeader)) return -1;
+    if (write <= ptHeader->iOldestIndex) {
+        return ClaimOldFrames(ptHeader, write, dwEndOffset, pdwStatus);
+    }
+    return ClaimStaleEntry(ptHeader->atFrame[write], write, pdwStatus);
+}
+
+MOLK_API int SharedMem_QueryWriteBuffer(SharedMemHandle *ptHandle, uint8_t **ppbyBuffer,
+                                        uint32_t *pdwSize) {
+    if (!UsableRing(ptHandle) || ppbyBuffer == nullptr || pdwSize == nullptr) return -1;
+    SharedMemSectorHeader *ring = ptHandle->ptHeader;
+    ptHandle->dwWriteStatus = 0;
+    uint32_t writeOffset = ring->dwWriteOffset;
+    uint32_t room = shm::RoomFrom(ring, writeOffset);
+    uint32_t granted = *pdwSize < room ? *pdwSize : room;
+    *pdwSize = granted;
+    if (granted == 0 || ring->iWriteIndex > shm::MaxIndex(ring)) return -1;
+
+    shm::SectorLock lock(ptHandle->iSemId, ptHandle->iSectorIndex);
+    if (!lock.held()) return -1;
+    int result = SharedMem_CheckFrameOccupied(ring, writeOffset + granted, &ptHandle->dwWriteStatus);
+    if (result == 0) *ppbyBuffer = shm::AtOffset(ptHandle->pvBase, writeOffset);
+    return result;
+}
+
+MOLK_API int SharedMem_QueryAutoRewindWriteBuffer(SharedMemHandle *ptHandle, uint8_t **ppbyBuffer,
+                                                  uint32_t dwSize) {
+    if (!UsableRing(ptHandle) || ppbyBuffer == nullptr) return -1;
+    SharedMemSectorHeader *ring = ptHandle->ptHeader;
+    uint64_t rounded = shm::RoundFrameSize(dwSize);
+    ptHandle->dwWriteStatus = 0;
+    uint32_t area = shm::RoomFrom(ring, ring->dwStartOffset);
+    if (rounded > area) {
+        shm::LogError("query %u larger than maximum queue %u\n", static_cast<unsigned>(rounded),
+                      area);
+        ptHandle->dwWriteStatus = SHM_WRITE_TOO_LARGE;
+        return -1;
+    }
+
+    shm::SectorLock lock(ptHandle->iSemId, ptHandle->iSectorIndex);
+    if (!lock.held()) return -1;
+    bool fits = rounded <= shm::RoomFrom(ring, ring->dwWriteOffset) &&
+                ring->iWriteIndex <= shm::MaxIndex(ring);
+    if (!fits) {
+        if (ClaimOlderGeneration(ring, &ptHandle->dwWriteStatus) != 0) return -1;
+        Rewind(ring);
+    }
+    uint32_t writeOffset = ring->dwWriteOffset;
+    int result = SharedMem_CheckFrameOccupied(ring, writeOffset + static_cast<uint32_t>(rounded),
+                                              &ptHandle->dwWriteStatus);
+    if (result == 0) *ppbyBuffer = shm::AtOffset(ptHandle->pvBase, writeOffset);
+    return result;
+}
+
+MOLK_API int SharedMem_PrepareRewindWriteBuffer(SharedMemSectorHeader *ptHeader,
+                                                uint32_t *pdwStatus) {
+    if (ptHeader == nullptr) return -1;
+    SetStatus(pdwStatus, 0);
+    if (ptHeader->iWriteIndex > ptHeader->iBoundaryIndex) return 0;
+    return ClaimOlderGeneration(ptHeader, pdwStatus);
+}
+
+MOLK_API int SharedMem_RewindWriteBuffer(SharedMemHandle *ptHandle) {
+    if (!UsableRing(ptHandle)) return -1;
+    Rewind(ptHandle->ptHeader);
+    return 0;
+}
+
+MOLK_API int SharedMem_QueryWriteStatus(SharedMemHandle *ptHandle, uint32_t *pdwStatus) {
+    if (ptHandle == nullptr || pdwStatus == nullptr) return -1;
+    *pdwStatus = ptHandle->dwWriteStatus;
+    return 0;
+}
+
+// Publishes the frame at entry W. No lock: the query has kept readers off
+// every entry this touches, and nobody else writes the ring. The entry is
+// complete before L names it.
+MOLK_API int SharedMem_UpdateWritedBuffer(SharedMemHandle *ptHandle, SharedMemWriteInfo *ptInfo) {
+    if (!UsableRing(ptHandle) || ptInfo == nullptr) return -1;
+    SharedMemSectorHeader *ring = ptHandle->ptHeader;
+    uintptr_t base = reinterpret_cast<uintptr_t>(ptHandle->pvBase);
+    uintptr_t place = reinterpret_cast<uintptr_t>(ptInfo->pbyBuffer);
+    if (place < base || ptInfo->dwSize == 0) return -1;
+
+    uint64_t rounded = shm::RoundFrameSize(ptInfo->dwSize);
+    uint64_t offset = static_cast<uint64_t>(place - base);
+    uint64_t newEnd = offset + rounded;
+    int write = ring->iWriteIndex;
+    // A place before the data area would let the next frame run over the
+    // headers: refused like a place behind its end.
+    if (offset < ring->dwStartOffset || newEnd > ring->dwEndOffset || write < 0 ||
+        write > shm::MaxIndex(ring)) {
+        shm::LogError("update write fail, buffer or index not enough!");
+        return -1;
+    }
+
+    shm::StoreWord(ring->dwWriteOffset, static_cast<uint32_t>(newEnd));
+    SharedMemFrameEntry &entry = ring->atFrame[write];
+    shm::StoreWord(entry.dwFlags, ptInfo->dwFlags);
+    shm::StoreWord(entry.dwOffset, static_cast<uint32_t>(offset));
+    shm::StoreWord(entry.dwSize, static_cast<uint32_t>(rounded));
+    shm::StoreWord(entry.dwTimeTick,
+                   ptInfo->dwTimeTick != 0 ? ptInfo->dwTimeTick : shm::CurrentTick());
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+
+    int oldest = OldestAfterWrite(ring, write, static_cast<uint32_t>(newEnd));
+    StoreIndex(ring->iOldestIndex, oldest);
+    StoreIndex(ring->iLatestIndex, write);
+    if (oldest == 0 || write > ring->iBoundaryIndex) StoreIndex(ring->iBoundaryIndex, write);
+    StoreIndex(ring->iWriteIndex, write + 1);
+    shm::StoreWord(ring->dwDuration, DurationOf(ring, oldest, write));
+    return 0;
+}
+
+// Takes the writer's marks off the run of entries from iIndex up, as after
+// a query whose frame was given up. No lock.
+MOLK_API void SharedMem_ClearFrameOccupied(SharedMemSectorHeader *ptHeader, int iIndex) {
+    if (ptHeader == nullptr || iIndex < 0) return;
+    int boundary = ptHeader->iBoundaryIndex;
+    int last = boundary < shm::kLastEntry ? boundary : shm::kLastEntry;
+    for (int i = iIndex; i <= last; ++i) {
+        uint32_t &flags = ptHeader->atFrame[i].dwFlags;
+        // No reader touches the flags of a marked entry: it is refused
+        // before its pin, so the word is the writer's alone here.
+        if (!(flags & SHM_FRAME_WRITING)) break;
+        flags &= ~SHM_FRAME_WRITING;
+    }
+}
+
+MOLK_API void SharedMem_DumpFrameOccupied(SharedMemFrameEntry *ptEntry, uint32_t *pdwSum) {
+    if (ptEntry == nullptr) return;
+    uint32_t sum = 0;
+    for (uint8_t count : ptEntry->abyAccessCount) {
+        printf("%d ", count);
+        sum += count;
+    }
+    printf("= %u\t", sum);
+    if (pdwSum != nullptr) *pdwSum = sum;
+}
+
+}  // extern "C"

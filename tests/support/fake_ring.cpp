@@ -1,0 +1,170 @@
+#include "fake_ring.h"
+
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/sem.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+void FillCommon(SharedMemSectorHeader *slot, uint32_t type, uint32_t total, uint32_t start,
+                uint32_t end) {
+    slot->dwSectorType = type;
+    slot->dwMemoryType = SHM_MEMORY_SYSV;
+    slot->dwTotalSize = total;
+    slot->dwPhysicalBase = 0;
+    slot->dwEndOffset = end;
+    slot->dwStartOffset = start;
+}
+
+}  // namespace
+
+FakeRing::FakeRing(uint32_t dataBytes) : FakeRing([dataBytes] {
+    FakeRingOptions options;
+    options.dataBytes = dataBytes;
+    return options;
+}()) {}
+
+FakeRing::FakeRing(const FakeRingOptions &options) {
+    int sectors = options.withCache ? 2 : 1;
+    uint32_t headers = static_cast<uint32_t>(sectors) * SHM_HEADER_SLOT_SIZE;
+    uint32_t ringEnd = headers + options.dataBytes;
+    uint32_t cacheBytes = options.withCache ? options.cacheSlotBytes * options.cacheSlots : 0;
+    uint32_t total = ringEnd + cacheBytes;
+    bytes_ = total;
+    if (options.sharedAcrossFork) {
+        void *p = mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        base_ = p == MAP_FAILED ? nullptr : static_cast<uint8_t *>(p);
+        mapped_ = true;
+    } else {
+        base_ = static_cast<uint8_t *>(calloc(1, bytes_));
+    }
+    if (base_ == nullptr) abort();
+
+    ring_ = reinterpret_cast<SharedMemSectorHeader *>(base_);
+    FillCommon(ring_, SHM_SECTOR_RING, total, headers, ringEnd);
+    ring_->dwWriteOffset = headers;
+    ring_->iOldestIndex = -1;
+    ring_->iLatestIndex = -1;
+    ring_->iWriteIndex = 0;
+    ring_->iBoundaryIndex = -1;
+    ring_->iMaxIndex = SHM_FRAME_ENTRIES - 1;
+    strcpy(ring_->szTag, "video");
+    ring_->byHasNext = options.withCache ? 1 : 0;
+
+    if (options.withCache) {
+        cache_ = reinterpret_cast<SharedMemCacheHeader *>(base_ + SHM_HEADER_SLOT_SIZE);
+        FillCommon(reinterpret_cast<SharedMemSectorHeader *>(cache_), SHM_SECTOR_CACHE, total,
+                   ringEnd, total);
+        cache_->dwPrimarySize = options.cacheSlotBytes;
+        cache_->dwLeftSize = cacheBytes;
+        cache_->iOldestIndex = -1;
+        cache_->iLatestIndex = -1;
+        cache_->iPrimaryBoundary = -1;
+        cache_->iSecondaryBoundary = -1;
+        cache_->iSecondaryEnd = SHM_CACHE_ENTRIES - 1;
+        strcpy(cache_->szTag, "streaming");
+        cache_->byHasNext = 0;
+    }
+
+    // IPC_PRIVATE: a set nobody else can find, made afresh for this ring.
+    semId_ = SharedMem_SemaphoreInit(IPC_PRIVATE, sectors);
+    if (semId_ == -1) abort();
+
+    handle_.ptCacheHeader = cache_;
+    handle_.pvBase = base_;
+    handle_.ptHeader = ring_;
+    handle_.iAttachId = 16;  // the writer pins nothing
+    handle_.iSemId = semId_;
+    handle_.iSectorIndex = 0;
+    handle_.iCacheIndex = options.withCache ? 1 : 0;
+}
+
+FakeRing::~FakeRing() {
+    semctl(semId_, 0, IPC_RMID);
+    if (mapped_) {
+        munmap(base_, bytes_);
+    } else {
+        free(base_);
+    }
+}
+
+SharedMemHandle FakeRing::readerHandle(int attachId) const {
+    SharedMemHandle reader = handle_;
+    reader.iAttachId = attachId;
+    return reader;
+}
+
+int FakeRing::write(uint32_t size, uint32_t flags, uint32_t tick) {
+    uint8_t *place = nullptr;
+    int result = SharedMem_QueryAutoRewindWriteBuffer(&handle_, &place, size);
+    if (result != 0) return result;
+    SharedMemWriteInfo info = {place, flags, size, tick};
+    if (SharedMem_UpdateWritedBuffer(&handle_, &info) != 0) abort();
+    return 0;
+}
+
+uint32_t FakeRing::status() {
+    uint32_t status = 99;
+    SharedMem_QueryWriteStatus(&handle_, &status);
+    return status;
+}
+
+SharedMemBufClient *FakeRing::pin(int index, SharedMemHandle *reader) {
+    if (SharedMem_SemaphoreP(semId_, 0) != 0) return nullptr;
+    SharedMemFrameEntry &e = ring_->atFrame[index];
+    uint32_t next = 0;
+    bool usable = SharedMem_CheckIndexValid(ring_, index, e.dwTimeTick, &next) == 0 &&
+                  !(e.dwFlags & SHM_FRAME_WRITING);
+    if (usable) {
+        if (reader->iAttachId >= 0 && reader->iAttachId < 16) ++e.abyAccessCount[reader->iAttachId];
+        e.dwFlags &= ~SHM_FRAME_UNREAD;
+    }
+    SharedMem_SemaphoreV(semId_, 0);
+    if (!usable) return nullptr;
+    SharedMemBufClient *client =
+        static_cast<SharedMemBufClient *>(calloc(1, sizeof(SharedMemBufClient)));
+    client->iLastIndex = index;
+    client->iDeliveredIndex = index;
+    client->dwHeld = 1;
+    client->dwLastTimeTick = e.dwTimeTick;
+    client->dwDeliveredTimeTick = e.dwTimeTick;
+    client->ptHandle = reader;
+    client->dwHoldType = 1;
+    return client;
+}
+
+bool FakeRing::isEmpty() const {
+    const SharedMemSectorHeader *r = ring_;
+    return r->iOldestIndex == -1 && r->iLatestIndex == -1 && r->iBoundaryIndex == -1 &&
+           r->iWriteIndex == 0 && r->dwWriteOffset == r->dwStartOffset;
+}
+
+bool FakeRing::isOneGeneration() const {
+    const SharedMemSectorHeader *r = ring_;
+    return r->iOldestIndex == 0 && r->iWriteIndex >= 1 && r->iLatestIndex == r->iWriteIndex - 1 &&
+           r->iBoundaryIndex == r->iLatestIndex;
+}
+
+bool FakeRing::isJustRewound() const {
+    const SharedMemSectorHeader *r = ring_;
+    return r->iOldestIndex == 0 && r->iWriteIndex == 0 && r->iLatestIndex == r->iBoundaryIndex &&
+           r->dwWriteOffset == r->dwStartOffset;
+}
+
+bool FakeRing::isTwoGenerations() const {
+    const SharedMemSectorHeader *r = ring_;
+    return r->iLatestIndex >= 0 && r->iWriteIndex == r->iLatestIndex + 1 &&
+           r->iWriteIndex <= r->iOldestIndex && r->iOldestIndex <= r->iBoundaryIndex;
+}
+
+void SetEntry(SharedMemSectorHeader *ring, int i, uint32_t tick, uint32_t flags, uint32_t offset,
+              uint32_t size) {
+    SharedMemFrameEntry &e = ring->atFrame[i];
+    e.dwTimeTick = tick;
+    e.dwFlags = flags;
+    e.dwOffset = offset;
+    e.dwSize = size;
+}

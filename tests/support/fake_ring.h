@@ -1,0 +1,72 @@
+// A ring laid out in ordinary memory exactly as the allocator lays out a
+// block of one ring sector (and, optionally, a "streaming" cache sector
+// behind it), so that ring logic is tested without a System V segment.
+// Operations that take a sector lock get a private semaphore set of their
+// own, removed again with the ring.
+#ifndef MOLK_TESTS_FAKE_RING_H
+#define MOLK_TESTS_FAKE_RING_H
+
+#include <cstdint>
+
+#include "sharedmem.h"
+
+struct FakeRingOptions {
+    uint32_t dataBytes = 1000;   // the ring's data area
+    bool withCache = false;      // sector 1: cache "streaming"
+    uint32_t cacheSlotBytes = 256;
+    uint32_t cacheSlots = 4;
+    bool sharedAcrossFork = false;  // MAP_SHARED memory instead of calloc
+};
+
+class FakeRing {
+public:
+    explicit FakeRing(const FakeRingOptions &options = FakeRingOptions());
+    explicit FakeRing(uint32_t dataBytes);
+    ~FakeRing();
+    FakeRing(const FakeRing &) = delete;
+    FakeRing &operator=(const FakeRing &) = delete;
+
+    SharedMemSectorHeader *ring() { return ring_; }
+    SharedMemCacheHeader *cache() { return cache_; }
+    SharedMemFrameEntry &entry(int i) { return ring_->atFrame[i]; }
+    SharedMemHandle *handle() { return &handle_; }
+    // A second handle on the same sector with another AttachID, as a reader
+    // process would open it.
+    SharedMemHandle readerHandle(int attachId) const;
+    uint8_t *base() { return base_; }
+    uint32_t start() const { return ring_->dwStartOffset; }
+    int semId() const { return semId_; }
+
+    // The writer's cycle with automatic rewind. Returns the query's result;
+    // on success the frame is published with flags and tick (0: stamped).
+    int write(uint32_t size, uint32_t flags = 0, uint32_t tick = 0);
+    uint32_t status();
+
+    // A reader's pin as the frame reader takes it: under the lock, refused
+    // on a marked or dead entry; clears SHM_FRAME_UNREAD. Returns a client
+    // record (calloc'd, to be ended with SharedMem_FreeBufClient) that
+    // holds the pin, or nullptr when refused.
+    SharedMemBufClient *pin(int index, SharedMemHandle *reader);
+
+    // Forms of the indices; checks dwWriteOffset too.
+    bool isEmpty() const;
+    bool isOneGeneration() const;
+    bool isJustRewound() const;
+    bool isTwoGenerations() const;
+
+private:
+    uint8_t *base_ = nullptr;
+    size_t bytes_ = 0;
+    bool mapped_ = false;
+    int semId_ = -1;
+    SharedMemSectorHeader *ring_ = nullptr;
+    SharedMemCacheHeader *cache_ = nullptr;
+    SharedMemHandle handle_ = {};
+};
+
+// Fills entry i of a ring by hand (for search tests): tick, flags, and
+// back-to-back offsets are the caller's business.
+void SetEntry(SharedMemSectorHeader *ring, int i, uint32_t tick, uint32_t flags,
+              uint32_t offset = 0, uint32_t size = 4);
+
+#endif
