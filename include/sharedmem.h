@@ -298,6 +298,35 @@ MOLK_API int SharedMem_GetRequestTimeTick(uint32_t dwReserved, SharedMemFrameEnt
                                           uint32_t dwFilter, uint32_t *pdwBestTick,
                                           uint32_t *pdwFound, uint32_t dwDirection);
 
+/* ---- Frame reader ------------------------------------------------------ */
+
+/* One call per frame: decides which frame comes next for this client,
+ * filters it, pins it against the writer and hands over a pointer into the
+ * segment, good until SharedMem_ReleaseReadBuffer. 0: a frame is delivered
+ * and held. -1: no frame now; ptRequest->dwReason says why (most reasons
+ * are ordinary flow, not errors).
+ *
+ * pptClient: the address of the caller's client pointer, null before the
+ * first query; the library allocates the client and the caller ends it
+ * with SharedMem_FreeBufClient. A null pptClient reads with a temporary
+ * client for this one call: nobody could give its pin back, so the pin is
+ * dropped before the call returns and the frame is delivered unprotected,
+ * as to an AttachID of 16 or more: copy it at once.
+ *
+ * ptRequest may be null (SHM_READ_IN_PLACE alone). The query rewrites its
+ * dwDelay, dwRefTimeTick (when 0) and dwReason. */
+MOLK_API int SharedMem_QueryReadBuffer(SharedMemHandle *ptHandle, SharedMemBufClient **pptClient,
+                                       uint8_t **ppbyData, uint32_t *pdwSize,
+                                       SharedMemReadRequest *ptRequest);
+MOLK_API int SharedMem_QueryReadBuffer_Internal(SharedMemHandle *ptHandle,
+                                                SharedMemBufClient *ptClient,
+                                                SharedMemReadRequest *ptRequest,
+                                                uint32_t *pdwDistance);
+/* 1 when the index is one of the ring's three oldest entries. */
+MOLK_API int SharedMem_IsFrameTooOld(SharedMemSectorHeader *ptHeader, uint32_t dwIndex);
+/* 1 when the writer is closer to that frame's bytes than its margin. */
+MOLK_API int SharedMem_IsInsideMargin(SharedMemSectorHeader *ptHeader, uint32_t dwIndex);
+
 #ifdef __cplusplus
 }
 #endif

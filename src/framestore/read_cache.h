@@ -1,0 +1,25 @@
+// The hand-off of a pinned ring frame to the handle's cache sector, so that
+// the ring entry is free at once and readers of that cache share one copy.
+#ifndef MOLK_FRAMESTORE_READ_CACHE_H
+#define MOLK_FRAMESTORE_READ_CACHE_H
+
+#include "sharedmem.h"
+
+namespace shm {
+
+enum HoldType : uint32_t { kHoldRing = 1, kHoldCache = 2 };
+
+// Step 10 of a query: the frame stays where it lies, pinned in the ring
+// entry iLastIndex, and the client holds it there.
+int HoldInRing(SharedMemHandle *handle, SharedMemBufClient *client, uint8_t **ppbyData,
+               uint32_t *pdwSize);
+
+// Takes over a query whose frame is pinned in the ring entry iLastIndex
+// and must travel through the handle's cache sector. Returns the query's
+// result; on 0 the client holds the frame, on -1 it holds nothing.
+int DeliverViaCache(SharedMemHandle *handle, SharedMemBufClient *client, uint8_t **ppbyData,
+                    uint32_t *pdwSize, SharedMemReadRequest *request);
+
+}  // namespace shm
+
+#endif  // MOLK_FRAMESTORE_READ_CACHE_H
