@@ -13,6 +13,11 @@ const MolkshmCommand kCommands[] = {
     {"info", "KEY", CmdInfo},
     {"reset", "KEY SECTOR", CmdReset},
     {"delete", "KEY", CmdDelete},
+    {"read", "KEY TAG [--attach ID] [--flags NAME,...] [--delay MS] [--ref TICK]\n"
+             "           [--interval MS] [--layer N] [--window MS] [--count N] [--seconds S]\n"
+             "           [--summary] [--label TEXT]",
+     CmdRead},
+    {"stamp", "PATH [TICK|now|0]", CmdStamp},
 };
 
 int Usage() {
