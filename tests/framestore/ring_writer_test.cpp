@@ -213,6 +213,10 @@ TEST(RingWriter, ClearFrameOccupiedTakesBackTheMarksOfAGivenUpFrame) {
     EXPECT_TRUE(Marked(f.entry(2)));  // entry 1 was unmarked
     SharedMem_ClearFrameOccupied(f.ring(), 3);  // above B: nothing
     EXPECT_TRUE(Marked(f.entry(2)));
+    f.entry(3).dwFlags |= SHM_FRAME_WRITING;  // a stale entry behind B
+    SharedMem_ClearFrameOccupied(f.ring(), 2);
+    EXPECT_FALSE(Marked(f.entry(2)));
+    EXPECT_TRUE(Marked(f.entry(3)));
     SharedMem_ClearFrameOccupied(f.ring(), -1);
     SharedMem_ClearFrameOccupied(nullptr, 0);
 }

@@ -142,6 +142,7 @@ TEST_F(SearchTest, SizeLimitedWalkStopsOnTheFirstKeyFrameOverBudget) {
         {50, 5000, 3, 4},    // within budget: ends above the oldest three
         {950, 0, 8, 8},      // the first key frame after the start ignores the budget
         {550, 5000, 4, 4},   // key 4 (tick 500) lies before T
+        {900, 5000, 4, 4},   // key 8 at T exactly is not before it: walk on
     };
     for (const Case &c : cases) {
         SharedMemReadRequest req = Target(c.target, SHM_READ_SIZE_LIMIT, c.limit);
