@@ -18,6 +18,7 @@ const MolkshmCommand kCommands[] = {
              "           [--summary] [--label TEXT]",
      CmdRead},
     {"stamp", "PATH [TICK|now|0]", CmdStamp},
+    {"write", "KEY TAG [--size B] [--key-size B] [--rate FPS] [--key-every N] [--count N] [--unread-every N] [--attach ID]", CmdWrite},
 };
 
 int Usage() {

@@ -27,6 +27,7 @@ int CmdReset(int argc, char **argv);
 int CmdDelete(int argc, char **argv);
 int CmdRead(int argc, char **argv);
 int CmdStamp(int argc, char **argv);
+int CmdWrite(int argc, char **argv);
 
 // Per-ring detail below a ring's summary line in `info`.
 void PrintRingDetail(const SharedMemSectorHeader *ring);
