@@ -349,11 +349,18 @@ int parse_node(XmlToken *t, int len, int limit)
             term = "-->", tlen = 3, code = NODE_COMMENT;
         } else if (c1 == '!') {
             // Document type: read by tokens, brackets nest, quotes hide.
+            // A quote without its partner ends the scan as unterminated:
+            // read on, its extent would hang on quotes far behind it, which
+            // a later edit of the document could add.
             int depth = 0;
             t->iNext = n;
             while (find_token(t, len)) {
-                if (t->bQuoted)
+                if (t->bQuoted) {
+                    const int close = t->iEnd + 1;
+                    if (close >= len || d[close] != d[t->iStart - 1])
+                        return NODE_NONE;
                     continue;
+                }
                 const char f = first_byte(t);
                 if (f == '[')
                     ++depth;
@@ -538,14 +545,16 @@ int close_element(Parser &p, const Frame &f)
     XmlToken t;
     CreatToken(&t, d);
     t.iNext = lt + 1;
-    if (!find_token(&t, len) || first_byte(&t) != '/')
+    // The '/' and the closing '>' are markup: a quoted token never stands
+    // for them ("</a \">\"" is no end tag).
+    if (!find_token(&t, len) || t.bQuoted || first_byte(&t) != '/')
         return parse_fail_name(p, kExpectingEnd, f);
     if (!find_token(&t, len))
         return parse_fail_name(p, kEndIncomplete, f);
     if (token_len(&t) != f.nameLen ||
         memcmp(d + t.iStart, d + f.nameStart, static_cast<size_t>(f.nameLen)) != 0)
         return parse_fail_name(p, kEndMismatch, f);
-    if (!find_token(&t, len) || first_byte(&t) != '>')
+    if (!find_token(&t, len) || t.bQuoted || first_byte(&t) != '>')
         return parse_fail_name(p, kEndIncomplete, f);
     r->iEndTagClose = t.iStart;
     return f.pos;
@@ -1210,6 +1219,12 @@ int x_AddElem(MolkXmlNavi *pNavi, const char *szName, const char *szValue, int b
     const ElemPos P = tab[parent];
     const bool selfClosed = IsEmptyElement(&P) != 0;
     const bool openEmpty = !selfClosed && P.iStartTagClose + 1 == P.iEndTagOpen;
+    // A self-closed parent gets its '/' replaced by '>'. If another '/'
+    // stands before it ("<p//>"), the new start tag would read as
+    // self-closed again and the text would no longer match the table.
+    if (selfClosed && parent != 0 && P.iStartTagClose >= 2 &&
+        pNavi->m_csDoc[P.iStartTagClose - 2] == '/')
+        return MOLK_XML_ERR_CURSOR;
 
     if (pNavi->m_iFreePos < 1 || pNavi->m_iFreePos >= over) {
         set_error(pNavi, kNumberLimit);

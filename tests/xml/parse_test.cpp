@@ -64,6 +64,7 @@ TEST(XmlParse, ResultsAndErrorTexts)
         {"<a></a", -4, "End tag not completed for element a", -1},
         {"<a></", -4, "End tag not completed for element a", -1},
         {"<a></a>", -4, "End tag not completed for element a", 6},
+        {"<a></a \">\">", -4, "End tag not completed for element a", -1},
         {"</a>", -4, "Empty tag", -1},
         {"<\"a\"></a>", -4, "Tag starts with quote", -1},
         {"<", -4, "Abrupt end within tag", -1},
@@ -74,6 +75,9 @@ TEST(XmlParse, ResultsAndErrorTexts)
         {"<?xml version=\"1.0\"", -4, "Invalid node", -1},
         {"<!DOCTYPE a [><a/>", -4, "Invalid node", -1},
         {"<!DOCTYPE a ]><a/>", -4, "Invalid node", -1},
+        {"<!DOCTYPE a [ <!-- 'tis --> ]><a>'</a>", -4, "Invalid node", -1},
+        {"<!DOCTYPE a [ <!-- it's --> ]><a>'</a>", 0, nullptr, -1},
+        {"<!DOCTYPE a [ 'x ]><a/>", -4, "Invalid node", -1},
         // A '<' with blanks before '?' or '!' is no skippable node.
         {"< ?x?><a/>", -4, "Invalid node", -1},
         {"<a>< !-- c --></a>", -4, "Invalid node", -1},
