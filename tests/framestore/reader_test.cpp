@@ -135,12 +135,23 @@ TEST(Reader, NewOnlyMakesAClientOnAnEmptyRingWithItsStartTickFixed) {
     EXPECT_EQ(-1, r.Query({newOnly, 6000}));
     EXPECT_EQ(SHM_REASON_LATEST, r.reason());
 
-    // A later reference does not move the start tick: 5500 is newer than
-    // the making (5000), though older than this query's 6000.
-    WriteFrames(f, {5500}, {Predicted()});
+    // Only a first query is tested against the start tick.
+    WriteFrames(f, {4500}, {Predicted()});
     ASSERT_EQ(0, r.Query({newOnly, 6000}));
     EXPECT_EQ(1, r.deliveredEntry());
     EXPECT_EQ(SHM_REASON_NONE, r.reason());
+}
+
+TEST(Reader, NewOnlyStartTickIsTheFirstReferenceNotALaterOne) {
+    FakeRing f(4000);
+    Reader r(f, 3);
+    const uint32_t newOnly = kInPlace | SHM_READ_NEW_ONLY;
+    EXPECT_EQ(-1, r.Query({newOnly, 5000}));
+    ASSERT_NE(nullptr, r.client());
+    // 5500 is newer than the making (5000), though older than 6000.
+    WriteFrames(f, {5500}, {Predicted()});
+    ASSERT_EQ(0, r.Query({newOnly, 6000}));
+    EXPECT_EQ(0, r.deliveredEntry());
 }
 
 TEST(Reader, NewOnlyWithATemporaryClientOnAnEmptyRingFails) {
@@ -175,6 +186,49 @@ TEST(Reader, CursorOnTheBoundaryWrapsToEntryZero) {
     EXPECT_EQ(400u, r.deliveredTick());
     EXPECT_EQ(-1, r.Query({kInPlace, 400}));
     EXPECT_EQ(SHM_REASON_LATEST, r.reason());
+}
+
+TEST(Reader, RestartIgnoresAValidCursor) {
+    struct Case {
+        uint32_t flags;
+        int entry;
+    } cases[] = {
+        {kInPlace, 4},  // just the next frame
+        {kInPlace | SHM_READ_RESTART, 9},
+        {kInPlace | SHM_READ_RESTART | SHM_READ_FROM_OLDEST, 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.flags);
+        FakeRing f(4000);
+        WriteRun(f, 10, 100, 100);
+        Reader r(f, 3);
+        ASSERT_EQ(0, r.Query({kInPlace, 400}));
+        ASSERT_EQ(3, r.deliveredEntry());
+        ASSERT_EQ(0, r.Query({c.flags, 1000}));
+        EXPECT_EQ(c.entry, r.deliveredEntry());
+    }
+}
+
+// Key frames at 0 and 5 of frames 0..9. A first query that must start on a
+// key frame fails while its search ends on a predicted frame without having
+// passed a key frame; the size-limited search goes back to one instead.
+TEST(Reader, FirstQueryWithKeyStart) {
+    FakeRing f(4000);
+    WriteRun(f, 10, 100, 100, 5);
+    Reader strict(f, 3);
+    DebugLevel quiet(2);
+    EXPECT_EQ(-1, strict.Query({kInPlace | SHM_READ_KEY_START, 1000}));
+    EXPECT_EQ(SHM_REASON_FAILED, strict.reason());
+    EXPECT_EQ(-1, strict.client()->iLastIndex);
+
+    Reader sized(f, 4);
+    ASSERT_EQ(0, sized.Query({kInPlace | SHM_READ_KEY_START | SHM_READ_SIZE_LIMIT, 1000}));
+    EXPECT_EQ(5, sized.deliveredEntry());
+
+    // Once the search ends on a key frame the strict reader gets on.
+    WriteFrames(f, {1100}, {kKey});
+    ASSERT_EQ(0, strict.Query({kInPlace | SHM_READ_KEY_START, 1100}));
+    EXPECT_EQ(10, strict.deliveredEntry());
 }
 
 struct RateRun {
