@@ -464,6 +464,28 @@ TEST(Reader, AttachIdsAboveFifteenReadWithoutPins) {
     }
 }
 
+// A frame the writer must not lose unread is released to it by the first
+// reader that is handed the frame, not by one that drops it.
+TEST(Reader, DeliveryClearsUnreadAndADropDoesNot) {
+    for (int attachId : {3, 16}) {
+        SCOPED_TRACE(attachId);
+        FakeRing f(1000);
+        WriteFrames(f, {100, 200}, {kKey | SHM_FRAME_UNREAD, Predicted() | SHM_FRAME_UNREAD});
+        Reader r(f, attachId);
+        ASSERT_EQ(0, r.Query({kInPlace | SHM_READ_FROM_OLDEST | SHM_READ_MARK_ONLY, 200}));
+        EXPECT_EQ(0u, f.entry(0).dwFlags & SHM_FRAME_UNREAD);
+        EXPECT_EQ(-1, r.Query({kInPlace | SHM_READ_MARK_ONLY, 200}));
+        EXPECT_EQ(SHM_REASON_NOT_MARK, r.reason());
+        EXPECT_EQ(SHM_FRAME_UNREAD, f.entry(1).dwFlags & SHM_FRAME_UNREAD);
+        // The writer can take entry 0 but not entry 1.
+        DebugLevel quiet(2);
+        EXPECT_EQ(0, f.write(800, kKey, 300));  // fills the ring
+        EXPECT_EQ(0, f.write(100, kKey, 400));  // over entry 0
+        EXPECT_EQ(-1, f.write(100, kKey, 500));
+        EXPECT_EQ(SHM_WRITE_UNREAD, f.status());
+    }
+}
+
 TEST(Reader, TemporaryClientLeavesNoPinBehind) {
     FakeRing f(1000);
     WriteRun(f, 10, 100, 100);
