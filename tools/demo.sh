@@ -1,12 +1,18 @@
 #!/bin/bash
-# Demo of the frame store: builds the library and molkshm, then, in a
-# private IPC namespace where the system allows it (else under a key of its
-# own that it deletes), creates a block of a timeshift ring, a live ring and
-# a streaming cache, shows it, resets a sector and deletes the block.
+# The frame store at work: one writer process streams synthetic frames into
+# a timeshift ring at 30 frames per second (a key frame every 30), and three
+# reader processes follow it for a few seconds:
+#   live      in place, always the newest frame
+#   timeshift two seconds behind the live stream (calibrate, no overtake)
+#   adaptive  thinned to key frames until the demo publishes an adaptive
+#             tick, which opens a 3-second window of the full stream
+# Runs in a private IPC namespace where the system allows it, else under a
+# key of its own that it deletes at the end.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=$root/build-demo
 if [ "${MOLK_DEMO_INSIDE:-}" != 1 ]; then
+  echo "building molkshm..."
   cmake -S "$root" -B "$build" -DBUILD_TESTING=OFF >/dev/null
   cmake --build "$build" -j2 --target molkshm >/dev/null
   export MOLK_DEMO_INSIDE=1
@@ -15,11 +21,41 @@ if [ "${MOLK_DEMO_INSIDE:-}" != 1 ]; then
 fi
 molkshm=$build/tools/molkshm
 key=0x4d4f4c4b
-trap '"$molkshm" delete $key >/dev/null 2>&1 || true' EXIT
+stampdir=$(mktemp -d /tmp/molkdemo.XXXXXX)
+stamp=$stampdir/stamp
+seconds=10
+cleanup() {
+  kill $(jobs -p) 2>/dev/null || true
+  wait 2>/dev/null || true
+  "$molkshm" delete $key >/dev/null 2>&1 || true
+  rm -rf "$stampdir"
+}
+trap cleanup EXIT
 
 step() { printf '\n\033[1m$ molkshm %s\033[0m\n' "$*"; "$molkshm" "$@"; }
-step create $key 64M 32M+video:/var/run/timeshift_adaptive.active 16M-live 6144K~512K~streaming
+step create $key 64M "32M+video:$stamp" 16M-audio 6144K~512K~streaming
+
+echo
+echo "Streaming for $seconds seconds; each reader prints what it received per second."
+"$molkshm" write $key video --size 20000 --key-size 60000 --rate 30 --key-every 30 \
+  --count $((30 * (seconds + 1))) > "$stampdir/writer.log" 2>&1 &
+sleep 0.3
+# The readers' own summaries only; the library's conflict messages are quiet.
+export SHM_DEBUG=4
+reader() {  # label, options...
+  local label=$1; shift
+  "$molkshm" read $key video --label "$label" --summary --seconds $seconds "$@" 2>&1 |
+    grep --line-buffered "^\[$label\]" &
+}
+reader live --attach 3 --flags in_place
+reader timeshift --attach 4 --delay 2000 --flags in_place,calibrate,no_overtake
+reader adaptive --attach 0 --window 3000 --flags in_place,adaptive_by_attach,key_start
+sleep 5
+printf '\n\033[1m$ molkshm stamp %s now\033[0m   (opens the adaptive window)\n' "$stamp"
+"$molkshm" stamp "$stamp" now
+wait $(jobs -p | tail -n 3) 2>/dev/null || true
+wait
+echo
+echo "writer: $(tail -n 1 "$stampdir/writer.log")"
 step info $key
-step reset $key 1
 step delete $key
-trap - EXIT
