@@ -214,28 +214,91 @@ inline int skip_space(const char *d, int i, int len)
     return i;
 }
 
+/* Word-at-a-time tests, memchr-style: a machine word (4 bytes on the
+ * device, 8 on a 64-bit host) is checked for a byte of interest at once. */
+using Word = uintptr_t;
+constexpr Word kOnes = ~Word(0) / 0xFF; // 0x0101...01
+constexpr Word kHigh = kOnes * 0x80;
+
+constexpr int kStep = static_cast<int>(sizeof(Word));
+
+/* High bit set in each zero byte of v. Bytes above the first zero byte may
+ * be flagged falsely (borrow), the lowest flag is always right. */
+inline Word zero_bytes(Word v)
+{
+    return (v - kOnes) & ~v & kHigh;
+}
+
+/* '<' (0x3C) and '>' (0x3E) differ only in bit 1, so (b | 2) == 0x3E finds
+ * both and nothing else; NUL is the third. */
+inline Word markup_bytes(Word v)
+{
+    return zero_bytes(v) | zero_bytes((v | (kOnes * 0x02)) ^ (kOnes * 0x3E));
+}
+
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+constexpr bool kLittleEndian = true;
+#else
+constexpr bool kLittleEndian = false;
+#endif
+
+/* Index of the lowest flagged byte of a nonzero mask, which is the first
+ * match in memory order on a little-endian machine; elsewhere `fallback`
+ * (0: the caller looks again byte by byte from the word's start). */
+inline int first_flagged(Word m, int fallback)
+{
+    return kLittleEndian ? __builtin_ctzl(m) >> 3 : fallback;
+}
+
+inline Word load_word(const char *p)
+{
+    Word w;
+    memcpy(&w, p, sizeof w);
+    return w;
+}
+
 /* First offset at or behind i that holds '<', '>' or NUL; len if none. */
 inline int scan_markup(const char *d, int i, int len)
 {
-    while (i + 4 <= len) {
-        if (is(d[i], CC_MARKUP))
-            return i;
-        if (is(d[i + 1], CC_MARKUP))
-            return i + 1;
-        if (is(d[i + 2], CC_MARKUP))
-            return i + 2;
-        if (is(d[i + 3], CC_MARKUP))
-            return i + 3;
-        i += 4;
+    while (i <= len - kStep) {
+        if (const Word m = markup_bytes(load_word(d + i))) {
+            if (kLittleEndian)
+                return i + first_flagged(m, 0);
+            break;
+        }
+        i += kStep;
     }
     while (i < len && !is(d[i], CC_MARKUP))
         ++i;
     return i;
 }
 
+/* Tag names are short: words and a plain loop beat a call to memcmp. */
+inline bool same_bytes(const char *a, const char *b, int n)
+{
+    int i = 0;
+    for (; i <= n - kStep; i += kStep)
+        if (load_word(a + i) != load_word(b + i))
+            return false;
+    for (; i < n; ++i)
+        if (a[i] != b[i])
+            return false;
+    return true;
+}
+
 /* End of a plain token whose first byte is at i - 1. */
 inline int scan_plain(const char *d, int i, int len)
 {
+    for (; i <= len - 4; i += 4) {
+        if (is(d[i], CC_TOKSTOP))
+            return i;
+        if (is(d[i + 1], CC_TOKSTOP))
+            return i + 1;
+        if (is(d[i + 2], CC_TOKSTOP))
+            return i + 2;
+        if (is(d[i + 3], CC_TOKSTOP))
+            return i + 3;
+    }
     while (i < len && !is(d[i], CC_TOKSTOP))
         ++i;
     return i;
@@ -245,16 +308,29 @@ inline int scan_plain(const char *d, int i, int len)
  * no further than the first NUL or `limit` bytes; -1 if there is none. */
 int find_terminator(const char *d, int from, int limit, const char *term, int tlen)
 {
-    for (int i = from; i < limit && d[i]; ++i) {
-        if (d[i] != term[0])
-            continue;
-        int k = 1;
-        while (k < tlen && i + k < limit && d[i + k] == term[k])
-            ++k;
-        if (k == tlen)
-            return i;
+    const Word first = kOnes * static_cast<unsigned char>(term[0]);
+    int i = from;
+    for (;;) {
+        // Skip words that hold neither the first byte of `term` nor a NUL.
+        while (i <= limit - kStep) {
+            const Word v = load_word(d + i);
+            if (const Word m = zero_bytes(v) | zero_bytes(v ^ first)) {
+                i += first_flagged(m, 0);
+                break;
+            }
+            i += kStep;
+        }
+        if (i >= limit || d[i] == '\0')
+            return -1;
+        if (d[i] == term[0]) {
+            int k = 1;
+            while (k < tlen && i + k < limit && d[i + k] == term[k])
+                ++k;
+            if (k == tlen)
+                return i;
+        }
+        ++i;
     }
-    return -1;
 }
 
 inline char first_byte(const XmlToken *t)
@@ -496,14 +572,14 @@ OpenResult open_element(Parser &p, int parent, int depth, Frame *out)
             continue;
         }
         if (c == '/') {
-            x_ReleasePos(p.h);
+            --p.h->m_iFreePos; // release the reservation
             return OPEN_END_TAG;
         }
         const int nameStart = n;
         n = is(c, CC_TOKSTOP) ? n + 1 : scan_plain(d, n + 1, len);
         if (depth >= MOLK_XML_MAX_DEPTH) {
             set_error_at(p.h, kTooDeep, lt);
-            x_ReleasePos(p.h);
+            --p.h->m_iFreePos;
             return OPEN_FAILED;
         }
         const int gt = scan_markup(d, n, len);
@@ -537,8 +613,7 @@ int close_element(Parser &p, const Frame &f)
     // The common "</name>" with nothing between: the token rules below give
     // the same answer, since a name holds no stop character.
     const int e = lt + 2 + f.nameLen;
-    if (e < len && d[lt + 1] == '/' && d[e] == '>' &&
-        memcmp(d + lt + 2, d + f.nameStart, static_cast<size_t>(f.nameLen)) == 0) {
+    if (e < len && d[lt + 1] == '/' && d[e] == '>' && same_bytes(d + lt + 2, d + f.nameStart, f.nameLen)) {
         r->iEndTagClose = e;
         return f.pos;
     }
@@ -551,8 +626,7 @@ int close_element(Parser &p, const Frame &f)
         return parse_fail_name(p, kExpectingEnd, f);
     if (!find_token(&t, len))
         return parse_fail_name(p, kEndIncomplete, f);
-    if (token_len(&t) != f.nameLen ||
-        memcmp(d + t.iStart, d + f.nameStart, static_cast<size_t>(f.nameLen)) != 0)
+    if (token_len(&t) != f.nameLen || !same_bytes(d + t.iStart, d + f.nameStart, f.nameLen))
         return parse_fail_name(p, kEndMismatch, f);
     if (!find_token(&t, len) || t.bQuoted || first_byte(&t) != '>')
         return parse_fail_name(p, kEndIncomplete, f);
@@ -896,8 +970,11 @@ int x_ParseNode(XmlToken *ptToken, int nLength)
 {
     if (!ptToken || !ptToken->pDoc)
         return NODE_NONE;
-    // Without a capacity the searches rely on the NUL that ends the text.
-    return parse_node(ptToken, nLength, INT32_MAX);
+    // Without a capacity, the searches end at the NUL that ends the text.
+    const int from = ptToken->iNext < 0 ? 0 : ptToken->iNext;
+    const size_t rest = strlen(ptToken->pDoc + from);
+    const int limit = rest < static_cast<size_t>(INT32_MAX - from) ? from + static_cast<int>(rest) + 1 : INT32_MAX;
+    return parse_node(ptToken, nLength, limit);
 }
 
 int x_ParseElem(MolkXmlNavi *pNavi, int iParent)
