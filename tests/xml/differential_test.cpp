@@ -51,11 +51,8 @@ struct LibXml2 {
         bind(isEmpty, "xmlTextReaderIsEmptyElement");
         bind(release, "xmlFreeTextReader");
     }
-    ~LibXml2()
-    {
-        if (so)
-            dlclose(so);
-    }
+    // Never unloaded: libxml2 keeps global state (its dictionary, its
+    // parser set-up) that must stay reachable for the leak checker.
     template <typename F> void bind(F &f, const char *sym) { f = reinterpret_cast<F>(dlsym(so, sym)); }
     bool ok() const { return so && forMemory && read && nodeType && name && value && isEmpty && release; }
 
