@@ -43,7 +43,8 @@ FakeRing::FakeRing(const FakeRingOptions &options) {
     }
     if (base_ == nullptr) abort();
 
-    ring_ = reinterpret_cast<SharedMemSectorHeader *>(base_);
+    // The buffer comes from calloc or mmap: aligned for any record.
+    ring_ = static_cast<SharedMemSectorHeader *>(static_cast<void *>(base_));
     FillCommon(ring_, SHM_SECTOR_RING, total, headers, ringEnd);
     ring_->dwWriteOffset = headers;
     ring_->iOldestIndex = -1;
@@ -55,7 +56,7 @@ FakeRing::FakeRing(const FakeRingOptions &options) {
     ring_->byHasNext = options.withCache ? 1 : 0;
 
     if (options.withCache) {
-        cache_ = reinterpret_cast<SharedMemCacheHeader *>(base_ + SHM_HEADER_SLOT_SIZE);
+        cache_ = static_cast<SharedMemCacheHeader *>(static_cast<void *>(base_ + SHM_HEADER_SLOT_SIZE));
         FillCommon(reinterpret_cast<SharedMemSectorHeader *>(cache_), SHM_SECTOR_CACHE, total,
                    ringEnd, total);
         cache_->dwPrimarySize = options.cacheSlotBytes;
