@@ -68,39 +68,14 @@ TEST(RingWriter, WorkedLapMovesIndicesAndMarksAsDocumented) {
     EXPECT_EQ(80u, f.ring()->dwDuration);  // ticks 1160 .. 1240 of entries 0 .. 2
 }
 
-TEST(RingWriter, MarksEntriesInTheWayBeforeTheFrameIsWritten) {
-    FakeRing f(1000);
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(0, f.write(300));
-    uint8_t *place = nullptr;
-    ASSERT_EQ(0, SharedMem_QueryAutoRewindWriteBuffer(f.handle(), &place, 300));
-    EXPECT_TRUE(f.isJustRewound());
-    EXPECT_EQ(f.base() + f.start(), place);
-    // The rewind marks the older generation (none here: W..B is empty in
-    // one generation), and the walk marks entry 0, whose bytes come first.
-    EXPECT_TRUE(Marked(f.entry(0)));
-    EXPECT_FALSE(Marked(f.entry(1)));
-    // A reader may no longer pin a marked frame.
-    SharedMemHandle reader = f.readerHandle(3);
-    EXPECT_EQ(nullptr, f.pin(0, &reader));
-    SharedMemBufClient *held = f.pin(1, &reader);
-    ASSERT_NE(nullptr, held);
-    SharedMem_FreeBufClient(&held);
-}
-
-TEST(RingWriter, FirstFrameOnAnEmptyRing) {
+TEST(RingWriter, FirstFrameAndTicksAsGivenOrStamped) {
     FakeRing f(1000);
     EXPECT_TRUE(f.isEmpty());
-    ASSERT_EQ(0, f.write(5, SHM_FRAME_P | 0x30000u, 77));
-    EXPECT_EQ((Indices{0, 0, 0, 1, f.start() + 8}), IndicesOf(f.ring()));
+    ASSERT_EQ(0, f.write(1, SHM_FRAME_P | 0x30000u, 0xFFFFFFF0u));
+    EXPECT_EQ((Indices{0, 0, 0, 1, f.start() + 4}), IndicesOf(f.ring()));
     EXPECT_EQ(0u, f.ring()->dwDuration);
-    EXPECT_EQ(8u, f.entry(0).dwSize);  // 5 bytes rounded up
+    EXPECT_EQ(4u, f.entry(0).dwSize);  // rounded up
     EXPECT_EQ(SHM_FRAME_P | 0x30000u, f.entry(0).dwFlags);
-    EXPECT_EQ(77u, f.entry(0).dwTimeTick);
-}
-
-TEST(RingWriter, TicksAreStoredAsGivenOrStamped) {
-    FakeRing f(1000);
-    ASSERT_EQ(0, f.write(4, 0, 0xFFFFFFF0u));
     ASSERT_EQ(0, f.write(4, 0, 0x10u));  // across the wrap
     EXPECT_EQ(0x20u, f.ring()->dwDuration);
     ASSERT_EQ(0, f.write(4, 0, 0xFFFFFF00u));  // earlier than before: kept
