@@ -97,6 +97,12 @@ int FillSector(void *base, int index, char *text, Layout *layout) {
     uint32_t size = shm::ClampToRemaining(&layout->used, desc.size, layout->total);
     uint32_t start = StartOfSector(base, index, layout->count);
     uint32_t end = index == 0 ? size : start + size;
+    if (end < start) {
+        // Sector 0's size counts the header slots; one that doesn't cover
+        // them would put every later data area on top of the headers.
+        printf("Allocate memory small than header size?");
+        return -1;
+    }
     void *slot = shm::SlotAt(base, index);
     if (desc.isCache) {
         return FillCache(static_cast<SharedMemCacheHeader *>(slot), desc, *layout, index, start,

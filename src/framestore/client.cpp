@@ -16,8 +16,6 @@
 
 namespace {
 
-enum HoldType : uint32_t { kHoldRing = 1, kHoldCache = 2 };
-
 // A release complaint is a warning (priority 4, also to syslog); a failed
 // query is everyday flow, since the client is simply placed anew
 // (priority 6, never to syslog). The priority doubles as the debug level.
@@ -69,9 +67,9 @@ void DropCacheHold(SharedMemBufClient *client) {
 }
 
 void DropHold(SharedMemBufClient *client) {
-    if (client->dwHoldType == kHoldRing) {
+    if (client->dwHoldType == shm::kHoldRing) {
         DropRingHold(client);
-    } else if (client->dwHoldType == kHoldCache) {
+    } else if (client->dwHoldType == shm::kHoldCache) {
         DropCacheHold(client);
     }
 }

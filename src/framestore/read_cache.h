@@ -7,8 +7,6 @@
 
 namespace shm {
 
-enum HoldType : uint32_t { kHoldRing = 1, kHoldCache = 2 };
-
 // Step 10 of a query: the frame stays where it lies, pinned in the ring
 // entry iLastIndex, and the client holds it there.
 int HoldInRing(SharedMemHandle *handle, SharedMemBufClient *client, uint8_t **ppbyData,

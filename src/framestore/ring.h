@@ -28,6 +28,9 @@
 namespace shm {
 
 constexpr int kLastEntry = kFrameEntries - 1;
+
+// Where a reader client's held frame is pinned (SharedMemBufClient.dwHoldType).
+enum HoldType : uint32_t { kHoldRing = 1, kHoldCache = 2 };
 constexpr uint32_t kRingPinMask = 0xFu;  // AttachIDs 0..15 own a counter
 
 inline int LoadIndex(const int &word) { return __atomic_load_n(&word, __ATOMIC_RELAXED); }

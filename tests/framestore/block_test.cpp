@@ -179,6 +179,19 @@ TEST_F(BlockTest, RefusesBadRequestsBeforeMakingAnything) {
     EXPECT_TRUE(KeyIsFree(key));
 }
 
+TEST_F(BlockTest, AFirstSectorThatDoesNotCoverTheHeadersFails) {
+    char total[] = "2M";
+    char ring[] = "20K-video";
+    char cache[] = "256K~streaming";
+    char *descs[] = {ring, cache};
+    key_t key = NewKey();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(-1, SharedMemBlock_Allocate(key, total, 2, &config_, descs));
+    fflush(stdout);
+    EXPECT_NE(std::string::npos,
+              testing::internal::GetCapturedStdout().find("Allocate memory small than header size?"));
+}
+
 TEST_F(BlockTest, ACacheThatDoesNotFitFailsButLeavesTheSegment) {
     char total[] = "2M";
     char ring[] = "2M-a";
