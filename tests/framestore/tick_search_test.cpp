@@ -10,6 +10,10 @@
 
 namespace {
 
+using Walk = int (*)(SharedMemSectorHeader *, uint32_t, uint32_t *, SharedMemReadRequest *);
+const Walk kForward = SharedMem_ForwardSearch, kBackward = SharedMem_BackwardSearch,
+           kSized = SharedMem_BackwardSearchPreSize;
+
 SharedMemReadRequest Target(uint32_t target, uint32_t flags = 0, uint32_t sizeLimit = 0) {
     // Through a reference and a delay, so that the subtraction is exercised.
     SharedMemReadRequest r = {};
@@ -29,53 +33,39 @@ protected:
             ASSERT_EQ(0, f_.write(100, i % 4 == 0 ? 0 : SHM_FRAME_P, 100u * (i + 1)));
         }
     }
-    SharedMemSectorHeader *ring() { return f_.ring(); }
+    // Expects walk's result and key from start toward target.
+    void ExpectWalk(Walk walk, uint32_t start, SharedMemReadRequest request, int result,
+                    uint32_t key) {
+        uint32_t got = 999;
+        EXPECT_EQ(result, walk(f_.ring(), start, &got, &request)) << start << " to "
+                                                                  << request.dwRefTimeTick - 1000;
+        EXPECT_EQ(key, got) << start << " to " << request.dwRefTimeTick - 1000;
+    }
 
     FakeRing f_{1000};
 };
 
-TEST_F(SearchTest, ForwardFindsTheLastEntryBeforeTheTarget) {
+TEST_F(SearchTest, ForwardEndsBeforeTheTargetAndBackwardAtOrBeforeIt) {
     struct Case {
-        uint32_t start;
-        uint32_t target;
+        Walk walk;
+        uint32_t start, target;
         int result;
         uint32_t key;
     } cases[] = {
-        {0, 450, 3, 0},    // key 4 is not passed: the walk stops on seeing it
-        {0, 500, 3, 0},    // a tick equal to T ends on the entry before it
-        {0, 501, 4, 4},
-        {0, 50, 0, 0},     // start already at or past T
-        {2, 5000, 9, 8},   // stops at the latest
-        {9, 5000, 9, 9},
+        {kForward, 0, 450, 3, 0},     // key 4 is not passed: the walk stops on seeing it
+        {kForward, 0, 500, 3, 0},     // a tick equal to T ends on the entry before it
+        {kForward, 0, 501, 4, 4},
+        {kForward, 0, 50, 0, 0},      // start already at or past T
+        {kForward, 2, 5000, 9, 8},    // stops at the latest
+        {kForward, 9, 5000, 9, 9},
+        {kBackward, 9, 450, 3, 4},
+        {kBackward, 9, 400, 3, 4},    // equal counts as at or before
+        {kBackward, 9, 5000, 9, 9},   // start itself
+        {kBackward, 9, 50, 3, 4},     // nothing that old: ends just above the three oldest
+        {kBackward, 5, 50, 3, 4},
+        {kBackward, 0, 50, 0, 0},     // start at the oldest entry
     };
-    for (const Case &c : cases) {
-        SharedMemReadRequest r = Target(c.target);
-        uint32_t key = 999;
-        EXPECT_EQ(c.result, SharedMem_ForwardSearch(ring(), c.start, &key, &r)) << c.target;
-        EXPECT_EQ(c.key, key) << c.target;
-    }
-}
-
-TEST_F(SearchTest, BackwardFindsTheFirstEntryAtOrBeforeTheTarget) {
-    struct Case {
-        uint32_t start;
-        uint32_t target;
-        int result;
-        uint32_t key;
-    } cases[] = {
-        {9, 450, 3, 4},
-        {9, 400, 3, 4},    // equal counts as at or before
-        {9, 5000, 9, 9},   // start itself
-        {9, 50, 3, 4},     // nothing that old: ends just above the three oldest
-        {5, 50, 3, 4},
-        {0, 50, 0, 0},     // start at the oldest entry
-    };
-    for (const Case &c : cases) {
-        SharedMemReadRequest r = Target(c.target);
-        uint32_t key = 999;
-        EXPECT_EQ(c.result, SharedMem_BackwardSearch(ring(), c.start, &key, &r)) << c.target;
-        EXPECT_EQ(c.key, key) << c.target;
-    }
+    for (const Case &c : cases) ExpectWalk(c.walk, c.start, Target(c.target), c.result, c.key);
 }
 
 TEST_F(SearchTest, SingleFrameIsResultAndKeyWhateverTheTarget) {
@@ -83,121 +73,96 @@ TEST_F(SearchTest, SingleFrameIsResultAndKeyWhateverTheTarget) {
     ASSERT_EQ(0, one.write(100, SHM_FRAME_P, 500));
     for (uint32_t target : {1u, 499u, 500u, 501u, 0x80000000u}) {
         SharedMemReadRequest r = Target(target, SHM_READ_SIZE_LIMIT, 1);
-        uint32_t key = 999;
-        EXPECT_EQ(0, SharedMem_BackwardSearch(one.ring(), 0, &key, &r));
-        EXPECT_EQ(0u, key);
-        key = 999;
-        EXPECT_EQ(0, SharedMem_BackwardSearchPreSize(one.ring(), 0, &key, &r));
-        EXPECT_EQ(0u, key);
+        for (Walk walk : {kBackward, kSized}) {
+            uint32_t key = 999;
+            EXPECT_EQ(0, walk(one.ring(), 0, &key, &r));
+            EXPECT_EQ(0u, key);
+        }
     }
 }
 
 TEST_F(SearchTest, BoundaryZeroEndsTheWalkAtEntryZero) {
-    SharedMemSectorHeader *r = ring();
-    r->iBoundaryIndex = 0;
-    r->iOldestIndex = 5;  // as the words may stand for a moment under a writer
-    r->iLatestIndex = 7;
-    SharedMemReadRequest early = Target(50), late = Target(5000);
-    uint32_t key = 999;
-    EXPECT_EQ(0, SharedMem_BackwardSearch(r, 0, &key, &early));
-    EXPECT_EQ(0u, key);
-    EXPECT_EQ(0, SharedMem_BackwardSearchPreSize(r, 0, &key, &early));
-    EXPECT_EQ(0, SharedMem_ForwardSearch(r, 0, &key, &late));
+    f_.ring()->iBoundaryIndex = 0;
+    f_.ring()->iOldestIndex = 5;  // as the words may stand for a moment under a writer
+    f_.ring()->iLatestIndex = 7;
+    ExpectWalk(kBackward, 0, Target(50), 0, 0);
+    ExpectWalk(kSized, 0, Target(50), 0, 0);
+    ExpectWalk(kForward, 0, Target(5000), 0, 0);
 }
 
 TEST_F(SearchTest, WalksCrossTheRingWrapAndTheTickWrap) {
-    FakeRing f(1000);
     const uint32_t base = 0xFFFFFC00u;  // ticks pass 0xFFFFFFFF after old entry 9
-    for (int i = 0; i < 10; ++i) ASSERT_EQ(0, f.write(100, 0, base + 100u * (i + 1)));
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(0, f.write(100, 0, base + 100u * (i + 11)));
-    SharedMemSectorHeader *r = f.ring();
+    FakeRing &f = f_;  // a full lap over the fixture's, then three frames of the next
+    for (int i = 0; i < 13; ++i) ASSERT_EQ(0, f.write(100, 0, base + 100u * (i + 1)));
     ASSERT_TRUE(f.isTwoGenerations());
-    ASSERT_EQ(3, r->iOldestIndex);
-    ASSERT_EQ(2, r->iLatestIndex);
-
-    SharedMemReadRequest back = Target(base + 750);  // between old entries 6 and 7
-    uint32_t key = 0;
-    EXPECT_EQ(6, SharedMem_BackwardSearch(r, 2, &key, &back));
-    EXPECT_EQ(7u, key);
-    SharedMemReadRequest afterWrap = Target(base + 1050);  // tick 0x1A: between 9 and 0
-    EXPECT_EQ(9, SharedMem_BackwardSearch(r, 2, &key, &afterWrap));
-    EXPECT_EQ(0u, key);
-
-    SharedMemReadRequest forward = Target(base + 1150);  // between new entries 0 and 1
-    EXPECT_EQ(0, SharedMem_ForwardSearch(r, 5, &key, &forward));
-    EXPECT_EQ(0u, key);
-    EXPECT_EQ(-1, SharedMem_DWComparator(r->atFrame[9].dwTimeTick, r->atFrame[0].dwTimeTick,
-                                         nullptr));
+    ASSERT_EQ(3, f.ring()->iOldestIndex);
+    ASSERT_EQ(2, f.ring()->iLatestIndex);
+    ExpectWalk(kBackward, 2, Target(base + 750), 6, 7);   // between old entries 6 and 7
+    ExpectWalk(kBackward, 2, Target(base + 1050), 9, 0);  // tick 0x1A: between 9 and 0
+    ExpectWalk(kForward, 5, Target(base + 1150), 0, 0);   // between new entries 0 and 1
+    EXPECT_EQ(-1, SharedMem_DWComparator(f.entry(9).dwTimeTick, f.entry(0).dwTimeTick, nullptr));
 }
 
 TEST_F(SearchTest, SizeLimitedWalkStopsOnTheFirstKeyFrameOverBudget) {
-    SharedMemSectorHeader *r = ring();
     // From 9 back: 9(P) 8(key, 200 bytes walked) ... 4(key, 600 bytes).
     struct Case {
         uint32_t target, limit;
         int result;
         uint32_t key;
     } cases[] = {
-        {50, 250, 4, 8},     // over budget at key 4: the key stays on 8
-        {50, 5000, 3, 4},    // within budget: ends above the oldest three
-        {950, 0, 8, 8},      // the first key frame after the start ignores the budget
-        {550, 5000, 4, 4},   // key 4 (tick 500) lies before T
-        {900, 5000, 4, 4},   // key 8 at T exactly is not before it: walk on
+        {50, 250, 4, 8},    // over budget at key 4: the key stays on 8
+        {50, 5000, 3, 4},   // within budget: ends above the oldest three
+        {950, 0, 8, 8},     // the first key frame after the start ignores the budget
+        {550, 5000, 4, 4},  // key 4 (tick 500) lies before T
+        {900, 5000, 4, 4},  // key 8 at T exactly is not before it: walk on
     };
     for (const Case &c : cases) {
         SharedMemReadRequest req = Target(c.target, SHM_READ_SIZE_LIMIT, c.limit);
-        uint32_t key = 999;
-        EXPECT_EQ(c.result, SharedMem_BackwardSearchPreSize(r, 9, &key, &req))
-            << c.target << "/" << c.limit;
-        EXPECT_EQ(c.key, key) << c.target << "/" << c.limit;
-        EXPECT_EQ(static_cast<int>(c.key), SharedMem_QueryDeltaTimeBuffer(r, 9, SHM_SEARCH_BACKWARD,
-                                                                          &req));
+        ExpectWalk(kSized, 9, req, c.result, c.key);
+        EXPECT_EQ(static_cast<int>(c.key),
+                  SharedMem_QueryDeltaTimeBuffer(f_.ring(), 9, SHM_SEARCH_BACKWARD, &req));
     }
-    r->iBoundaryIndex = -1;
-    SharedMemReadRequest req = Target(50, SHM_READ_SIZE_LIMIT, 0);
-    EXPECT_EQ(-1, SharedMem_BackwardSearchPreSize(r, 9, nullptr, &req));
 }
 
 TEST_F(SearchTest, DeltaTimeBufferAppliesTheRequestsRule) {
-    SharedMemSectorHeader *r = ring();
-    SharedMemReadRequest plain = Target(450);
-    EXPECT_EQ(3, SharedMem_QueryDeltaTimeBuffer(r, 9, SHM_SEARCH_BACKWARD, &plain));
-    EXPECT_EQ(3, SharedMem_QueryDeltaTimeBuffer(r, 0, SHM_SEARCH_FORWARD, &plain));
-    EXPECT_EQ(3, SharedMem_QueryDeltaTimeBuffer(r, 0, 77, &plain));  // any other: forward
-
-    SharedMemReadRequest keyStart = Target(450, SHM_READ_KEY_START);
-    EXPECT_EQ(4, SharedMem_QueryDeltaTimeBuffer(r, 9, SHM_SEARCH_BACKWARD, &keyStart));
-    EXPECT_EQ(0, SharedMem_QueryDeltaTimeBuffer(r, 0, SHM_SEARCH_FORWARD, &keyStart));
-
-    // A backward walk that ends at once on a predicted frame passed no key.
+    SharedMemSectorHeader *r = f_.ring();
+    SharedMemReadRequest plain = Target(450), keyStart = Target(450, SHM_READ_KEY_START);
     SharedMemReadRequest now = Target(5000, SHM_READ_KEY_START);
-    EXPECT_EQ(-1, SharedMem_QueryDeltaTimeBuffer(r, 9, SHM_SEARCH_BACKWARD, &now));
-    f_.entry(9).dwFlags &= ~SHM_FRAME_P;  // the next frame there is a key frame
-    EXPECT_EQ(9, SharedMem_QueryDeltaTimeBuffer(r, 9, SHM_SEARCH_BACKWARD, &now));
-
-    // Forward with a size limit answers with the key, not the result.
     SharedMemReadRequest sized = Target(750, SHM_READ_SIZE_LIMIT, 100000);
-    EXPECT_EQ(4, SharedMem_QueryDeltaTimeBuffer(r, 0, SHM_SEARCH_FORWARD, &sized));
-    // No request: target 0, which is "earlier" than every tick here.
-    EXPECT_EQ(5, SharedMem_QueryDeltaTimeBuffer(r, 5, SHM_SEARCH_FORWARD, nullptr));
+    struct Case {
+        uint32_t start, direction;
+        SharedMemReadRequest *request;
+        int result;
+    } cases[] = {
+        {9, SHM_SEARCH_BACKWARD, &plain, 3},
+        {0, SHM_SEARCH_FORWARD, &plain, 3},
+        {0, 77, &plain, 3},  // any other direction: forward
+        {9, SHM_SEARCH_BACKWARD, &keyStart, 4},
+        {0, SHM_SEARCH_FORWARD, &keyStart, 0},
+        {9, SHM_SEARCH_BACKWARD, &now, -1},   // ends at once on a P frame: passed no key
+        {0, SHM_SEARCH_FORWARD, &sized, 4},   // the key, not the result
+        {5, SHM_SEARCH_FORWARD, nullptr, 5},  // target 0, "earlier" than every tick here
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(c.result, SharedMem_QueryDeltaTimeBuffer(r, c.start, c.direction, c.request))
+            << c.start << " " << c.direction;
+    }
+    f_.entry(9).dwFlags &= ~SHM_FRAME_P;  // the frame there is a key frame now
+    EXPECT_EQ(9, SharedMem_QueryDeltaTimeBuffer(r, 9, SHM_SEARCH_BACKWARD, &now));
 }
 
 TEST_F(SearchTest, WalksGiveUpWhenTheIndicesNeverCloseAndStayInTheTable) {
-    SharedMemSectorHeader *r = ring();
+    SharedMemSectorHeader *r = f_.ring();
     SharedMemReadRequest late = Target(0x7FFFFFFF), early = Target(1);
-    uint32_t key = 777;
     r->iLatestIndex = 12;  // never reached: the walk circles 0..9
-    EXPECT_EQ(-1, SharedMem_ForwardSearch(r, 0, &key, &late));
-    EXPECT_EQ(777u, key);
+    ExpectWalk(kForward, 0, late, -1, 999);
     r->iLatestIndex = 9;
     r->iOldestIndex = 30;  // never met going back
-    EXPECT_EQ(-1, SharedMem_BackwardSearch(r, 9, &key, &early));
-    SharedMemReadRequest unlimited = Target(1, SHM_READ_SIZE_LIMIT, 0xFFFFFFFFu);
-    EXPECT_EQ(-1, SharedMem_BackwardSearchPreSize(r, 9, &key, &unlimited));
-    EXPECT_EQ(777u, key);
+    ExpectWalk(kBackward, 9, early, -1, 999);
+    ExpectWalk(kSized, 9, Target(1, SHM_READ_SIZE_LIMIT, 0xFFFFFFFFu), -1, 999);
     r->iOldestIndex = 0;
-    r->iBoundaryIndex = 1300;  // a walk from 1279 would step to 1280
-    r->iLatestIndex = 1300;
+    r->iBoundaryIndex = r->iLatestIndex = 1300;  // a walk from 1279 would step to 1280
+    uint32_t key = 0;
     EXPECT_EQ(-1, SharedMem_ForwardSearch(r, 1279, &key, &late));
     EXPECT_EQ(-1, SharedMem_ForwardSearch(r, 1280, &key, &late));
     EXPECT_EQ(-1, SharedMem_BackwardSearch(r, 0xFFFFFFFFu, &key, &early));
@@ -205,7 +170,7 @@ TEST_F(SearchTest, WalksGiveUpWhenTheIndicesNeverCloseAndStayInTheTable) {
     EXPECT_EQ(-1, SharedMem_QueryDeltaTimeBuffer(nullptr, 0, SHM_SEARCH_BACKWARD, &early));
 }
 
-TEST(RequestTimeTick, KeepsTheBestTickInTheDirectionsSense) {
+TEST(RequestTimeTick, KeepsTheBestTickInTheDirectionsSenseAndSkipsFilteredEntries) {
     SharedMemFrameEntry e = {};
     uint32_t best = 0, found = 0;
     e.dwTimeTick = 500;
@@ -230,21 +195,26 @@ TEST(RequestTimeTick, KeepsTheBestTickInTheDirectionsSense) {
             << c.tick;
         EXPECT_EQ(c.best, best) << c.tick;
     }
-}
-
-TEST(RequestTimeTick, FiltersSkipMarkedFailedAndPinnedEntries) {
-    SharedMemFrameEntry e = {};
-    e.dwTimeTick = 10;
-    uint32_t best = 0, found = 0;
-    e.dwFlags = SHM_FRAME_WRITING;
-    EXPECT_EQ(-1, SharedMem_GetRequestTimeTick(0, &e, SHM_SEARCH_COMPLETE, &best, &found, 1));
-    e.dwFlags = SHM_FRAME_ERROR;
-    EXPECT_EQ(-1, SharedMem_GetRequestTimeTick(0, &e, SHM_SEARCH_COMPLETE, &best, &found, 1));
-    EXPECT_EQ(0, SharedMem_GetRequestTimeTick(0, &e, SHM_SEARCH_UNPINNED, &best, &found, 1));
-    e.abyAccessCount[15] = 1;
-    found = 0;
-    EXPECT_EQ(-1, SharedMem_GetRequestTimeTick(0, &e, SHM_SEARCH_UNPINNED, &best, &found, 1));
-    EXPECT_EQ(0, SharedMem_GetRequestTimeTick(0, &e, SHM_SEARCH_COMPLETE + 1, &best, &found, 1));
+    // Filters: marked and failed entries are not complete; pinned ones not unpinned.
+    struct Filter {
+        uint32_t flags;
+        uint8_t pins;
+        uint32_t filter;
+        int result;
+    } filters[] = {
+        {SHM_FRAME_WRITING, 0, SHM_SEARCH_COMPLETE, -1}, {SHM_FRAME_ERROR, 0, SHM_SEARCH_COMPLETE, -1},
+        {SHM_FRAME_ERROR, 0, SHM_SEARCH_UNPINNED, 0},    {SHM_FRAME_ERROR, 1, SHM_SEARCH_UNPINNED, -1},
+        {SHM_FRAME_ERROR, 1, SHM_SEARCH_COMPLETE + 1, 0},
+    };
+    for (const Filter &c : filters) {
+        SharedMemFrameEntry entry = {};
+        entry.dwTimeTick = 10;
+        entry.dwFlags = c.flags;
+        entry.abyAccessCount[15] = c.pins;
+        found = 0;
+        EXPECT_EQ(c.result, SharedMem_GetRequestTimeTick(0, &entry, c.filter, &best, &found, 1))
+            << c.flags << " " << c.filter;
+    }
     EXPECT_EQ(-1, SharedMem_GetRequestTimeTick(0, nullptr, 0, &best, &found, 1));
 }
 
@@ -269,14 +239,11 @@ TEST(SearchUnderAWriter, WalksStayBoundedWhileTheIndicesMove) {
     uint32_t seed = 99;
     while (waitpid(child, &status, WNOHANG) == 0) {
         seed = seed * 1664525u + 1013904223u;
-        uint32_t start = (seed >> 8) % 700;
-        uint32_t latest = f.ring()->atFrame[__atomic_load_n(&f.ring()->iLatestIndex,
-                                                            __ATOMIC_RELAXED) & 1023].dwTimeTick;
-        SharedMemReadRequest r = Target(latest - (seed >> 20) % 600, seed & 0x40008u, 64);
-        int got = SharedMem_QueryDeltaTimeBuffer(f.ring(), start,
-                                                 (seed & 1) ? SHM_SEARCH_BACKWARD
-                                                            : SHM_SEARCH_FORWARD,
-                                                 &r);
+        int latest = __atomic_load_n(&f.ring()->iLatestIndex, __ATOMIC_RELAXED) & 1023;
+        SharedMemReadRequest r =
+            Target(f.entry(latest).dwTimeTick - (seed >> 20) % 600, seed & 0x40008u, 64);
+        int got = SharedMem_QueryDeltaTimeBuffer(
+            f.ring(), (seed >> 8) % 700, (seed & 1) ? SHM_SEARCH_BACKWARD : SHM_SEARCH_FORWARD, &r);
         outside += got < -1 || got > 1279;
         ++walks;
     }

@@ -1,5 +1,6 @@
 #include "fake_ring.h"
 
+#include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
@@ -21,11 +22,16 @@ void FillCommon(SharedMemSectorHeader *slot, uint32_t type, uint32_t total, uint
 
 }  // namespace
 
-FakeRing::FakeRing(uint32_t dataBytes) : FakeRing([dataBytes] {
-    FakeRingOptions options;
-    options.dataBytes = dataBytes;
-    return options;
-}()) {}
+std::ostream &operator<<(std::ostream &os, const RingIndices &x) {
+    return os << "O=" << x.o << " L=" << x.l << " B=" << x.b << " W=" << x.w
+              << " off=" << x.writeOffset;
+}
+
+std::string Stdout(const std::function<void()> &fn) {
+    testing::internal::CaptureStdout();
+    fn();
+    return testing::internal::GetCapturedStdout();
+}
 
 FakeRing::FakeRing(const FakeRingOptions &options) {
     int sectors = options.withCache ? 2 : 1;
@@ -47,24 +53,20 @@ FakeRing::FakeRing(const FakeRingOptions &options) {
     ring_ = static_cast<SharedMemSectorHeader *>(static_cast<void *>(base_));
     FillCommon(ring_, SHM_SECTOR_RING, total, headers, ringEnd);
     ring_->dwWriteOffset = headers;
-    ring_->iOldestIndex = -1;
-    ring_->iLatestIndex = -1;
+    ring_->iOldestIndex = ring_->iLatestIndex = ring_->iBoundaryIndex = -1;
     ring_->iWriteIndex = 0;
-    ring_->iBoundaryIndex = -1;
     ring_->iMaxIndex = SHM_FRAME_ENTRIES - 1;
     strcpy(ring_->szTag, "video");
     ring_->byHasNext = options.withCache ? 1 : 0;
 
     if (options.withCache) {
         cache_ = static_cast<SharedMemCacheHeader *>(static_cast<void *>(base_ + SHM_HEADER_SLOT_SIZE));
-        FillCommon(reinterpret_cast<SharedMemSectorHeader *>(cache_), SHM_SECTOR_CACHE, total,
-                   ringEnd, total);
+        FillCommon(static_cast<SharedMemSectorHeader *>(static_cast<void *>(cache_)),
+                   SHM_SECTOR_CACHE, total, ringEnd, total);
         cache_->dwPrimarySize = options.cacheSlotBytes;
         cache_->dwLeftSize = cacheBytes;
-        cache_->iOldestIndex = -1;
-        cache_->iLatestIndex = -1;
-        cache_->iPrimaryBoundary = -1;
-        cache_->iSecondaryBoundary = -1;
+        cache_->iOldestIndex = cache_->iLatestIndex = -1;
+        cache_->iPrimaryBoundary = cache_->iSecondaryBoundary = -1;
         cache_->iSecondaryEnd = SHM_CACHE_ENTRIES - 1;
         strcpy(cache_->szTag, "streaming");
         cache_->byHasNext = 0;
@@ -98,6 +100,11 @@ SharedMemHandle FakeRing::readerHandle(int attachId) const {
     return reader;
 }
 
+RingIndices FakeRing::indices() const {
+    return {ring_->iOldestIndex, ring_->iLatestIndex, ring_->iBoundaryIndex, ring_->iWriteIndex,
+            ring_->dwWriteOffset};
+}
+
 int FakeRing::write(uint32_t size, uint32_t flags, uint32_t tick) {
     uint8_t *place = nullptr;
     int result = SharedMem_QueryAutoRewindWriteBuffer(&handle_, &place, size);
@@ -116,8 +123,7 @@ uint32_t FakeRing::status() {
 SharedMemBufClient *FakeRing::pin(int index, SharedMemHandle *reader) {
     if (SharedMem_SemaphoreP(semId_, 0) != 0) return nullptr;
     SharedMemFrameEntry &e = ring_->atFrame[index];
-    uint32_t next = 0;
-    bool usable = SharedMem_CheckIndexValid(ring_, index, e.dwTimeTick, &next) == 0 &&
+    bool usable = SharedMem_CheckIndexValid(ring_, index, e.dwTimeTick, nullptr) == 0 &&
                   !(e.dwFlags & SHM_FRAME_WRITING);
     if (usable) {
         if (reader->iAttachId >= 0 && reader->iAttachId < 16) ++e.abyAccessCount[reader->iAttachId];
@@ -127,45 +133,30 @@ SharedMemBufClient *FakeRing::pin(int index, SharedMemHandle *reader) {
     if (!usable) return nullptr;
     SharedMemBufClient *client =
         static_cast<SharedMemBufClient *>(calloc(1, sizeof(SharedMemBufClient)));
-    client->iLastIndex = index;
-    client->iDeliveredIndex = index;
+    client->iLastIndex = client->iDeliveredIndex = index;
     client->dwHeld = 1;
-    client->dwLastTimeTick = e.dwTimeTick;
-    client->dwDeliveredTimeTick = e.dwTimeTick;
+    client->dwLastTimeTick = client->dwDeliveredTimeTick = e.dwTimeTick;
     client->ptHandle = reader;
     client->dwHoldType = 1;
     return client;
 }
 
 bool FakeRing::isEmpty() const {
-    const SharedMemSectorHeader *r = ring_;
-    return r->iOldestIndex == -1 && r->iLatestIndex == -1 && r->iBoundaryIndex == -1 &&
-           r->iWriteIndex == 0 && r->dwWriteOffset == r->dwStartOffset;
+    const RingIndices x = indices();
+    return x.o == -1 && x.l == -1 && x.b == -1 && x.w == 0 && x.writeOffset == start();
 }
 
 bool FakeRing::isOneGeneration() const {
-    const SharedMemSectorHeader *r = ring_;
-    return r->iOldestIndex == 0 && r->iWriteIndex >= 1 && r->iLatestIndex == r->iWriteIndex - 1 &&
-           r->iBoundaryIndex == r->iLatestIndex;
+    const RingIndices x = indices();
+    return x.o == 0 && x.w >= 1 && x.l == x.w - 1 && x.b == x.l;
 }
 
 bool FakeRing::isJustRewound() const {
-    const SharedMemSectorHeader *r = ring_;
-    return r->iOldestIndex == 0 && r->iWriteIndex == 0 && r->iLatestIndex == r->iBoundaryIndex &&
-           r->dwWriteOffset == r->dwStartOffset;
+    const RingIndices x = indices();
+    return x.o == 0 && x.w == 0 && x.l == x.b && x.writeOffset == start();
 }
 
 bool FakeRing::isTwoGenerations() const {
-    const SharedMemSectorHeader *r = ring_;
-    return r->iLatestIndex >= 0 && r->iWriteIndex == r->iLatestIndex + 1 &&
-           r->iWriteIndex <= r->iOldestIndex && r->iOldestIndex <= r->iBoundaryIndex;
-}
-
-void SetEntry(SharedMemSectorHeader *ring, int i, uint32_t tick, uint32_t flags, uint32_t offset,
-              uint32_t size) {
-    SharedMemFrameEntry &e = ring->atFrame[i];
-    e.dwTimeTick = tick;
-    e.dwFlags = flags;
-    e.dwOffset = offset;
-    e.dwSize = size;
+    const RingIndices x = indices();
+    return x.l >= 0 && x.w == x.l + 1 && x.w <= x.o && x.o <= x.b;
 }

@@ -7,6 +7,9 @@
 #define MOLK_TESTS_FAKE_RING_H
 
 #include <cstdint>
+#include <functional>
+#include <ostream>
+#include <string>
 
 #include "sharedmem.h"
 
@@ -18,10 +21,20 @@ struct FakeRingOptions {
     bool sharedAcrossFork = false;  // MAP_SHARED memory instead of calloc
 };
 
+// O, L, B, W and dwWriteOffset of a ring, comparable and printable.
+struct RingIndices {
+    int o, l, b, w;
+    uint32_t writeOffset;
+    bool operator==(const RingIndices &x) const {
+        return o == x.o && l == x.l && b == x.b && w == x.w && writeOffset == x.writeOffset;
+    }
+};
+std::ostream &operator<<(std::ostream &os, const RingIndices &x);
+
 class FakeRing {
 public:
     explicit FakeRing(const FakeRingOptions &options = FakeRingOptions());
-    explicit FakeRing(uint32_t dataBytes);
+    explicit FakeRing(uint32_t dataBytes) : FakeRing(FakeRingOptions{dataBytes}) {}
     ~FakeRing();
     FakeRing(const FakeRing &) = delete;
     FakeRing &operator=(const FakeRing &) = delete;
@@ -36,6 +49,7 @@ public:
     uint8_t *base() { return base_; }
     uint32_t start() const { return ring_->dwStartOffset; }
     int semId() const { return semId_; }
+    RingIndices indices() const;
 
     // The writer's cycle with automatic rewind. Returns the query's result;
     // on success the frame is published with flags and tick (0: stamped).
@@ -64,9 +78,17 @@ private:
     SharedMemHandle handle_ = {};
 };
 
-// Fills entry i of a ring by hand (for search tests): tick, flags, and
-// back-to-back offsets are the caller's business.
-void SetEntry(SharedMemSectorHeader *ring, int i, uint32_t tick, uint32_t flags,
-              uint32_t offset = 0, uint32_t size = 4);
+// Sets gShm_DebugLevel for a scope.
+class DebugLevel {
+public:
+    explicit DebugLevel(uint32_t level) : saved_(gShm_DebugLevel) { gShm_DebugLevel = level; }
+    ~DebugLevel() { gShm_DebugLevel = saved_; }
+
+private:
+    uint32_t saved_;
+};
+
+// What fn prints to stdout.
+std::string Stdout(const std::function<void()> &fn);
 
 #endif
