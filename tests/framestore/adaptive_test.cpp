@@ -2,34 +2,34 @@
 // a window, judged by the frames' ticks; recovery of what the thinning
 // skipped; the clearing of a stale tick; the layer wait; thinning by
 // AttachID.
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
-#include "fake_ring.h"
 #include "read_helpers.h"
-#include "sharedmem.h"
 
+namespace readtest {
 namespace {
 
-using readtest::DebugLevel;
-using readtest::kKey;
-using readtest::Predicted;
-using readtest::Reader;
-using readtest::StampFile;
-using readtest::WantLayer;
-using readtest::WriteFrames;
-using readtest::WriteRun;
 using Ask = Reader::Ask;
+using V = std::vector<uint32_t>;
 
-constexpr uint32_t kInPlace = SHM_READ_IN_PLACE;
 constexpr uint32_t kMarkOutside = SHM_READ_ADAPTIVE_MARK_ONLY;
 constexpr uint32_t kKeyStart = SHM_READ_KEY_START;
+constexpr uint32_t kOutOfRange = 0, kActive = 1, kReset = 2;
+const char *const kLogs[] = {"[shmem] : Adaptive Search out-of-range",
+                             "[shmem] : Adaptive Active timestamp ",
+                             "[shmem] : Adaptive Reset active timestamp"};
+
+// A ring whose second tag names a fresh stamp file, and a reader on it.
+struct Bench {
+    FakeRing f;
+    StampFile stamp;
+    Reader r;
+    explicit Bench(uint32_t bytes, int attachId = 3) : f(bytes), stamp(f), r(f, attachId) {}
+};
 
 // What one query of a walk ended with.
 struct Step {
@@ -56,279 +56,186 @@ std::vector<Step> Walk(Reader &r, Ask ask, int n,
     return steps;
 }
 
-std::vector<uint32_t> Reasons(const std::vector<Step> &steps) {
-    std::vector<uint32_t> reasons;
+V Reasons(const std::vector<Step> &steps) {
+    V reasons;
     for (const Step &s : steps) reasons.push_back(s.result == 0 ? 0u : s.reason);
     return reasons;
 }
 
-int CountOf(const std::string &text, const std::string &what) {
-    int n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
-}
-
-// Frames 0..39 at ticks 10000..13900, a key frame every fifth. A tick of
-// 11200 with a window of 1000 ms is published when the reader is about to
-// take entry 10: entries 10..21 lie before the end (12200), entries 10 and
-// 11 even before the tick itself. At entry 15 a later tick (12000) moves the
-// end to 13000, without a new start.
+// Frames 0..39 at 10000..13900, a key frame every fifth. A tick of 11200
+// with a window of 1000 ms is published before the reader takes entry 10:
+// entries 10..21 lie before the end (12200), 10 and 11 even before the
+// tick. At entry 15 a later tick (12000) moves the end to 13000, without a
+// new start.
 TEST(Adaptive, WindowOpensAndClosesByTheFramesTicks) {
-    FakeRing f(8000);
-    StampFile stamp(f);
-    WriteRun(f, 40, 10000, 100, 5);
-    Reader r(f, 3);
+    Bench b(8000);
+    WriteRun(b.f, 40, 10000, 100, 5);
     DebugLevel level(6);
-    testing::internal::CaptureStdout();
-    std::vector<Step> steps =
-        Walk(r, {kInPlace | kMarkOutside, 10000, 0, 0, 1000}, 40, [&](int i) {
-            if (i == 10) stamp.Publish(11200);
-            if (i == 15) stamp.Publish(12000);
+    std::vector<Step> steps;
+    std::string log = Logged([&] {
+        steps = Walk(b.r, {kInPlace | kMarkOutside, 10000, 0, 0, 1000}, 40, [&](int i) {
+            if (i == 10) b.stamp.Publish(11200);
+            if (i == 15) b.stamp.Publish(12000);
         });
-    std::string log = testing::internal::GetCapturedStdout();
-
+    });
     for (int i = 0; i < 40; ++i) {
-        SCOPED_TRACE(i);
-        bool inside = i >= 10 && i < 30;
-        bool delivered = inside || i % 5 == 0;
-        EXPECT_EQ(delivered ? 0 : -1, steps[i].result);
-        EXPECT_EQ(delivered ? SHM_REASON_NONE : SHM_REASON_NOT_MARK, steps[i].reason);
+        const bool inside = i >= 10 && i < 30, delivered = inside || i % 5 == 0;
+        EXPECT_EQ(delivered ? 0 : -1, steps[i].result) << i;
+        EXPECT_EQ(delivered ? SHM_REASON_NONE : SHM_REASON_NOT_MARK, steps[i].reason) << i;
         EXPECT_EQ(i, steps[i].cursor);
-        EXPECT_EQ(inside ? 1u : 0u, steps[i].active);
+        EXPECT_EQ(inside ? 1u : 0u, steps[i].active) << i;
     }
-    EXPECT_EQ(1, CountOf(log, "[shmem] : Adaptive Active timestamp "));
+    EXPECT_EQ(1, CountOf(log, kLogs[kActive]));
     EXPECT_EQ(1, CountOf(log, "[shmem] : Adaptive Active timestamp 12200\n"));
-    EXPECT_EQ(12000u, stamp.Read());  // a window that ended lately is not cleared
-}
-
-TEST(Adaptive, MissingStampFileIsCreatedEmpty) {
-    FakeRing f(4000);
-    StampFile stamp(f);
-    WriteRun(f, 2, 10000, 100);
-    Reader r(f, 3);
-    ASSERT_FALSE(stamp.Exists());
-    ASSERT_EQ(0, r.Query({kInPlace | kMarkOutside, 10100}));
-    EXPECT_EQ(0u, stamp.Read());
-    ASSERT_NE(nullptr, r.handle()->pdwAdaptiveStamp);
-    // The word is read on every query through the mapping.
-    stamp.Publish(10050);
-    EXPECT_EQ(10050u, *r.handle()->pdwAdaptiveStamp);
+    EXPECT_EQ(12000u, b.stamp.Read());  // a window that ended lately is not cleared
 }
 
 // One predicted frame per case, read by a new client: inside the window it
-// comes through, outside it is thinned away.
-TEST(Adaptive, WindowIsJudgedByItsEndAlone) {
-    struct Case {
-        uint32_t window, stamp, frame;
-        bool inside;
-    } cases[] = {
-        {0, 11000, 20999, true},  // no window given: 10000 ms
-        {0, 11000, 21000, false},
-        {1000, 11000, 11999, true},
-        {1000, 11000, 12000, false},
-        {1000, 11000, 5000, true},  // long before the tick: still before the end
-        {1000, 0xFFFFFF00u, 0x2E7, true},  // the end wraps past 0
-        {1000, 0xFFFFFF00u, 0x2E8, false},
-        {1000, 0, 20999, false},  // no tick published
+// comes through, outside it is thinned away; a tick more than 120000 ms
+// past its window's end is cleared.
+TEST(Adaptive, WindowIsJudgedByItsEndAloneAndAStaleTickIsCleared) {
+    DebugLevel level(6);
+    auto check = [](uint32_t window, uint32_t tick, uint32_t frame, bool inside,
+                    bool cleared = false) {
+        SCOPED_TRACE(testing::Message() << window << " " << tick << " " << frame);
+        Bench b(4000);
+        b.stamp.Publish(tick);
+        WriteFrames(b.f, {frame}, {Predicted()});
+        Outcome got = {};
+        std::string log =
+            Logged([&] { got = b.r.Do({kInPlace | kMarkOutside, frame, 0, 0, window}); });
+        EXPECT_EQ(inside ? Got(0) : Refused(SHM_REASON_NOT_MARK, 0), got);
+        EXPECT_EQ(inside ? 1u : 0u, b.r.client()->dwAdaptiveActive);
+        EXPECT_EQ(cleared ? 0u : tick, b.stamp.Read());
+        EXPECT_EQ(cleared ? 1 : 0, CountOf(log, kLogs[kReset]));
     };
-    DebugLevel quiet(2);
-    for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.window << " " << c.stamp << " " << c.frame);
-        FakeRing f(4000);
-        StampFile stamp(f);
-        stamp.Publish(c.stamp);
-        WriteFrames(f, {c.frame}, {Predicted()});
-        Reader r(f, 3);
-        int result = r.Query({kInPlace | kMarkOutside, c.frame, 0, 0, c.window});
-        EXPECT_EQ(c.inside ? 0 : -1, result);
-        EXPECT_EQ(c.inside ? SHM_REASON_NONE : SHM_REASON_NOT_MARK, r.reason());
-        EXPECT_EQ(c.inside ? 1u : 0u, r.client()->dwAdaptiveActive);
-    }
-}
-
-TEST(Adaptive, StaleTickIsClearedOnlyBeyond120000MsPastTheWindow) {
-    struct Case {
-        uint32_t frame;
-        bool cleared;
-    } cases[] = {{121999, false}, {122000, false}, {122001, true}};
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.frame);
-        FakeRing f(4000);
-        StampFile stamp(f);
-        stamp.Publish(1000);  // window 1000: ends at 2000
-        WriteFrames(f, {c.frame}, {Predicted()});
-        Reader r(f, 3);
-        DebugLevel level(6);
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(-1, r.Query({kInPlace | kMarkOutside, c.frame, 0, 0, 1000}));
-        std::string log = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(SHM_REASON_NOT_MARK, r.reason());
-        EXPECT_EQ(c.cleared ? 0u : 1000u, stamp.Read());
-        EXPECT_EQ(c.cleared ? 1 : 0, CountOf(log, "[shmem] : Adaptive Reset active timestamp"));
-    }
+    check(0, 11000, 20999, true);  // no window given: 10000 ms
+    check(0, 11000, 21000, false);
+    check(1000, 11000, 11999, true);
+    check(1000, 11000, 12000, false);
+    check(1000, 11000, 5000, true);  // long before the tick: still before the end
+    check(1000, 0xFFFFFF00u, 0x2E7, true);  // the end wraps past 0
+    check(1000, 0xFFFFFF00u, 0x2E8, false);
+    check(1000, 0, 20999, false);  // no tick published
+    check(1000, 1000, 122000, false);  // 120000 ms past the end: kept
+    check(1000, 1000, 122001, false, true);
 }
 
 // Frames 0..19 at 10000..11900, key frames every fifth. Thinned to key
-// frames, the reader got 0 and 5 and dropped 6..8; the window opens when it
-// is about to take entry 9, and it goes back to entry 6.
+// frames, the reader got 0 and 5 and dropped 6..8; the window opens before
+// it takes entry 9, and it goes back to entry 6.
 TEST(Adaptive, KeyStartRecoversWhatTheThinningSkipped) {
-    FakeRing f(4000);
-    StampFile stamp(f);
-    WriteRun(f, 20, 10000, 100, 5);
-    Reader r(f, 3);
+    Bench b(4000);
+    WriteRun(b.f, 20, 10000, 100, 5);
     DebugLevel quiet(2);
     const Ask ask = {kInPlace | kMarkOutside | kKeyStart, 10000, 0, 0, 100000};
-    std::vector<Step> thinned = Walk(r, ask, 9);
-    ASSERT_EQ(8, thinned.back().cursor);
-    ASSERT_EQ(5, r.client()->iDeliveredIndex);
-
-    stamp.Publish(10000);
-    std::vector<int> delivered;
-    for (int guard = 0; guard < 40 && r.Query(ask) == 0; ++guard) {
-        delivered.push_back(r.deliveredEntry());
-    }
-    EXPECT_EQ(SHM_REASON_LATEST, r.reason());
-    std::vector<int> expected;
-    for (int i = 6; i < 20; ++i) expected.push_back(i);
-    EXPECT_EQ(expected, delivered);
+    ASSERT_EQ(8, Walk(b.r, ask, 9).back().cursor);
+    ASSERT_EQ(5, b.r.client()->iDeliveredIndex);
+    b.stamp.Publish(10000);
+    for (int i = 6; i < 20; ++i) EXPECT_EQ(Got(i), b.r.Do(ask));
+    EXPECT_EQ(Refused(SHM_REASON_LATEST, 19), b.r.Do(ask));
 }
 
-TEST(Adaptive, KeyStartFailsOnceWhenTheLastDeliveredFrameIsGone) {
-    // Frames 0..9 fill the ring; the reader got entry 0 and dropped 1..4.
-    // The writer then reuses entry 0.
-    FakeRing f(1000);
-    StampFile stamp(f);
-    WriteRun(f, 10, 10000, 100, 5);
-    Reader r(f, 3);
+// When the frame behind the last delivery is gone, or there never was one,
+// the window's first query fails; the next places the reader anew.
+TEST(Adaptive, KeyStartFailsOnceWithoutALastDeliveredFrame) {
     const Ask ask = {kInPlace | kMarkOutside | kKeyStart, 10000, 0, 0, 100000};
     {
-        DebugLevel quiet(2);
-        Walk(r, ask, 5);
+        // Frames 0..9 fill the ring; the reader got entry 0 and dropped
+        // 1..4. The writer then reuses entry 0.
+        Bench b(1000);
+        WriteRun(b.f, 10, 10000, 100, 5);
+        {
+            DebugLevel quiet(2);
+            Walk(b.r, ask, 5);
+        }
+        ASSERT_EQ(0, b.r.Release());
+        ASSERT_EQ(0, b.f.write(100, kKey, 11000));
+        ASSERT_EQ(1, b.f.ring()->iOldestIndex);
+        b.stamp.Publish(10000);
+        DebugLevel level(6);
+        Outcome failed = {}, placed = {};
+        uint32_t active = 0;
+        std::string log = Logged([&] {
+            failed = b.r.Do(ask);
+            active = b.r.client()->dwAdaptiveActive;
+            placed = b.r.Do({ask.flags, 11000, 0, 0, ask.window});
+        });
+        EXPECT_EQ(Refused(SHM_REASON_FAILED, -1), failed);
+        EXPECT_EQ(1u, active);
+        EXPECT_EQ(Got(0), placed);  // inside the window already
+        EXPECT_EQ(1, CountOf(log, kLogs[kOutOfRange])) << log;
+        EXPECT_EQ(1, CountOf(log, kLogs[kActive])) << log;
     }
-    ASSERT_EQ(4, r.client()->iLastIndex);
-    ASSERT_EQ(0, r.Release());
-    ASSERT_EQ(0, f.write(100, kKey, 11000));
-    ASSERT_EQ(1, f.ring()->iOldestIndex);
-
-    stamp.Publish(10000);
-    DebugLevel level(6);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(-1, r.Query(ask));
-    EXPECT_EQ(SHM_REASON_FAILED, r.reason());
-    EXPECT_EQ(-1, r.client()->iLastIndex);
-    EXPECT_EQ(1u, r.client()->dwAdaptiveActive);
-    // The next query places the reader anew, inside the window already.
-    Ask again = ask;
-    again.ref = 11000;
-    ASSERT_EQ(0, r.Query(again));
-    std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(0, r.deliveredEntry());
-    EXPECT_EQ(1, CountOf(log, "[shmem] : Adaptive Search out-of-range"));
-    EXPECT_EQ(1, CountOf(log, "[shmem] : Adaptive Active timestamp "));
-}
-
-TEST(Adaptive, KeyStartOfAClientThatNeverGotAFrameFailsOnce) {
-    FakeRing f(4000);
-    StampFile stamp(f);
-    WriteRun(f, 5, 10000, 100);
-    stamp.Publish(10000);
-    Reader r(f, 3);
-    DebugLevel level(6);
-    const Ask ask = {kInPlace | kMarkOutside | kKeyStart, 10400, 0, 0, 100000};
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(-1, r.Query(ask));
-    std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(SHM_REASON_FAILED, r.reason());
-    EXPECT_EQ(-1, r.client()->iLastIndex);
-    EXPECT_EQ(1, CountOf(log, "[shmem] : Adaptive Search out-of-range"));
-    ASSERT_EQ(0, r.Query(ask));
-    EXPECT_EQ(4, r.deliveredEntry());
+    {
+        Bench b(4000);
+        WriteRun(b.f, 5, 10000, 100);
+        b.stamp.Publish(10000);
+        DebugLevel level(6);
+        const Ask late = {ask.flags, 10400, 0, 0, ask.window};
+        Outcome failed = {}, placed = {};
+        std::string log = Logged([&] { failed = b.r.Do(late), placed = b.r.Do(late); });
+        EXPECT_EQ(Refused(SHM_REASON_FAILED, -1), failed);
+        EXPECT_EQ(Got(4), placed);
+        EXPECT_EQ(1, CountOf(log, kLogs[kOutOfRange])) << log;
+    }
 }
 
 // With a layer asked for, outside the window predicted frames below it are
 // dropped (reason 12) and the layer replaces the mark-only thinning. A
-// window that opens after a predicted frame was delivered waits for layer 5
-// first; after a key frame it doesn't wait.
+// window that opens after a predicted frame was delivered waits for layer
+// 5 first; after a key frame it doesn't wait.
 TEST(Adaptive, LayerWaitAfterAWindowOpensOnAPredictedFrame) {
-    struct Case {
-        const char *name;
-        std::vector<uint32_t> flags;
-        int publishAt;
-        std::vector<uint32_t> reasons;
-        std::vector<uint32_t> waits;
-    } cases[] = {
-        {"after a predicted frame",
-         {kKey, Predicted(0), Predicted(2), Predicted(0), Predicted(0), kKey, Predicted(0),
-          Predicted(6), Predicted(5), Predicted(0), Predicted(2)},
-         4,
-         {0, 12, 0, 12, 12, 0, 12, 0, 0, 0, 0},
-         {0, 0, 0, 0, 5, 5, 5, 5, 0, 0, 0}},
-        {"after a key frame",
-         {kKey, Predicted(0), Predicted(1), kKey, Predicted(0), Predicted(1), Predicted(5)},
-         4,
-         {0, 12, 12, 0, 0, 0, 0},
-         {0, 0, 0, 0, 0, 0, 0}},
-    };
     DebugLevel quiet(2);
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        FakeRing f(4000);
-        StampFile stamp(f);
-        std::vector<uint32_t> ticks;
-        for (size_t i = 0; i < c.flags.size(); ++i) ticks.push_back(10000 + 100 * i);
-        WriteFrames(f, ticks, c.flags);
-        Reader r(f, 3);
-        std::vector<Step> steps = Walk(r, {kInPlace | kMarkOutside | WantLayer(2), 10000, 0, 0,
-                                           100000},
-                                       static_cast<int>(c.flags.size()), [&](int i) {
-                                           if (i == c.publishAt) stamp.Publish(10000);
-                                       });
-        EXPECT_EQ(c.reasons, Reasons(steps));
-        std::vector<uint32_t> waits;
-        for (const Step &s : steps) waits.push_back(s.layerWait);
-        EXPECT_EQ(c.waits, waits);
-    }
+    auto check = [](const V &flags, const V &reasons, const V &waits) {
+        Bench b(4000);
+        V ticks;
+        for (size_t i = 0; i < flags.size(); ++i) ticks.push_back(10000 + 100 * i);
+        WriteFrames(b.f, ticks, flags);
+        std::vector<Step> steps =
+            Walk(b.r, {kInPlace | kMarkOutside | WantLayer(2), 10000, 0, 0, 100000},
+                 static_cast<int>(flags.size()), [&](int i) {
+                     if (i == 4) b.stamp.Publish(10000);
+                 });
+        EXPECT_EQ(reasons, Reasons(steps));
+        V got;
+        for (const Step &s : steps) got.push_back(s.layerWait);
+        EXPECT_EQ(waits, got);
+    };
+    // After a predicted frame.
+    check({kKey, Predicted(0), Predicted(2), Predicted(0), Predicted(0), kKey, Predicted(0),
+           Predicted(6), Predicted(5), Predicted(0), Predicted(2)},
+          {0, 12, 0, 12, 12, 0, 12, 0, 0, 0, 0}, {0, 0, 0, 0, 5, 5, 5, 5, 0, 0, 0});
+    // After a key frame.
+    check({kKey, Predicted(0), Predicted(1), kKey, Predicted(0), Predicted(1), Predicted(5)},
+          {0, 12, 12, 0, 0, 0, 0}, V(7, 0));
 }
 
 // Frames 0..7 40 ms apart, key frames at 0 and 4, at most one per 100 ms.
 TEST(Adaptive, ThinningByAttachIdOutsideTheWindowOnly) {
-    const std::vector<uint32_t> all = {0, 0, 0, 0, 0, 0, 0, 0};
-    const std::vector<uint32_t> marks = {0, 11, 11, 11, 0, 11, 11, 11};
-    const std::vector<uint32_t> rate = {0, 10, 10, 0, 10, 0, 10, 10};
-    const std::vector<uint32_t> both = {0, 10, 10, 11, 0, 11, 11, 11};
-    struct Case {
-        int attachId;
-        uint32_t flags;
-        bool window;
-        std::vector<uint32_t> reasons;
-    } cases[] = {
-        {0, 0, false, marks},
-        {1, 0, false, rate},
-        {2, 0, false, both},
-        {3, 0, false, all},
-        {0, SHM_READ_ADAPTIVE_RATE_LIMIT, false, both},  // the flags add to the AttachID
-        {3, SHM_READ_ADAPTIVE_MARK_ONLY, false, marks},
-        {0, 0, true, all},
-        {1, 0, true, all},
-        {2, 0, true, all},
-        {3, 0, true, all},
-        {3, SHM_READ_MARK_ONLY, true, marks},  // the plain filters hold inside too
-        {3, SHM_READ_RATE_LIMIT, true, rate},
-    };
+    const V all(8, 0), marks = {0, 11, 11, 11, 0, 11, 11, 11};
+    const V rate = {0, 10, 10, 0, 10, 0, 10, 10}, both = {0, 10, 10, 11, 0, 11, 11, 11};
     DebugLevel quiet(2);
-    for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << "AttachID " << c.attachId << " flags 0x" << std::hex
-                                        << c.flags << (c.window ? " inside" : " outside"));
-        FakeRing f(4000);
-        StampFile stamp(f);
-        if (c.window) stamp.Publish(1000);
-        WriteRun(f, 8, 1000, 40, 4);
-        Reader r(f, c.attachId);
+    auto check = [](int attachId, uint32_t flags, bool window, const V &reasons) {
+        SCOPED_TRACE(testing::Message() << "AttachID " << attachId << " flags 0x" << std::hex
+                                        << flags << (window ? " inside" : " outside"));
+        Bench b(4000, attachId);
+        if (window) b.stamp.Publish(1000);
+        WriteRun(b.f, 8, 1000, 40, 4);
         std::vector<Step> steps =
-            Walk(r, {kInPlace | SHM_READ_ADAPTIVE_BY_ATTACH | c.flags, 1000, 0, 100, 100000}, 8);
-        EXPECT_EQ(c.reasons, Reasons(steps));
-        for (const Step &s : steps) EXPECT_EQ(c.window ? 1u : 0u, s.active);
-    }
+            Walk(b.r, {kInPlace | SHM_READ_ADAPTIVE_BY_ATTACH | flags, 1000, 0, 100, 100000}, 8);
+        EXPECT_EQ(reasons, Reasons(steps));
+        for (const Step &s : steps) EXPECT_EQ(window ? 1u : 0u, s.active);
+    };
+    check(0, 0, false, marks);
+    check(1, 0, false, rate);
+    check(2, 0, false, both);
+    check(3, 0, false, all);
+    check(0, SHM_READ_ADAPTIVE_RATE_LIMIT, false, both);  // the flags add to the AttachID
+    check(3, SHM_READ_ADAPTIVE_MARK_ONLY, false, marks);
+    for (int attachId = 0; attachId < 4; ++attachId) check(attachId, 0, true, all);
+    check(3, SHM_READ_MARK_ONLY, true, marks);  // the plain filters hold inside too
+    check(3, SHM_READ_RATE_LIMIT, true, rate);
 }
 
 TEST(Adaptive, StampFileThatCannotBeMadeLeavesTheThinning) {
@@ -337,39 +244,31 @@ TEST(Adaptive, StampFileThatCannotBeMadeLeavesTheThinning) {
     WriteRun(f, 3, 10000, 100, 5);
     Reader r(f, 3);
     DebugLevel quiet(2);
-    std::vector<Step> steps = Walk(r, {kInPlace | kMarkOutside, 10000}, 3);
-    EXPECT_EQ((std::vector<uint32_t>{0, 11, 11}), Reasons(steps));
+    EXPECT_EQ((V{0, 11, 11}), Reasons(Walk(r, {kInPlace | kMarkOutside, 10000}, 3)));
     EXPECT_EQ(nullptr, r.handle()->pdwAdaptiveStamp);
 }
 
-// Without a second tag the ring uses the device's stamp file. Only inside
+// Without a second tag the ring uses the device's stamp file; only inside
 // the test runner's private /run.
 TEST(Adaptive, RingWithoutSecondTagUsesTheDeviceStampFile) {
     const char *isolated = getenv("MOLK_ISOLATED");
     if (isolated == nullptr || strcmp(isolated, "1") != 0) {
         GTEST_SKIP() << "needs the private /run of tests/support/isolated.sh";
     }
-    const char *path = "/var/run/timeshift_adaptive.active";
-    unlink(path);
+    StampFile stamp(std::string("/var/run/timeshift_adaptive.active"));
     FakeRing f(4000);
+    ASSERT_FALSE(stamp.Exists());
     WriteRun(f, 3, 10000, 100, 5);
     Reader r(f, 3);
     DebugLevel quiet(2);
-    ASSERT_EQ(0, r.Query({kInPlace | kMarkOutside | SHM_READ_FROM_OLDEST, 10000}));
-    ASSERT_EQ(0, access(path, F_OK));
+    ASSERT_EQ(Got(0), r.Do({kInPlace | kMarkOutside | SHM_READ_FROM_OLDEST, 10000}));
+    EXPECT_EQ(0u, stamp.Read());  // made, holding no tick
     ASSERT_NE(nullptr, r.handle()->pdwAdaptiveStamp);
-    EXPECT_EQ(0u, *r.handle()->pdwAdaptiveStamp);
-    EXPECT_EQ(-1, r.Query({kInPlace | kMarkOutside, 10000}));
-    EXPECT_EQ(SHM_REASON_NOT_MARK, r.reason());
-
-    FILE *file = fopen(path, "r+b");
-    ASSERT_NE(nullptr, file);
-    const uint32_t tick = 10000;
-    ASSERT_EQ(1u, fwrite(&tick, sizeof tick, 1, file));
-    fclose(file);
-    EXPECT_EQ(0, r.Query({kInPlace | kMarkOutside, 10000}));
+    EXPECT_EQ(Refused(SHM_REASON_NOT_MARK, 1), r.Do({kInPlace | kMarkOutside, 10000}));
+    stamp.Publish(10000);  // read on every query through the mapping
+    EXPECT_EQ(Got(2), r.Do({kInPlace | kMarkOutside, 10000}));
     EXPECT_EQ(1u, r.client()->dwAdaptiveActive);
-    unlink(path);
 }
 
 }  // namespace
+}  // namespace readtest

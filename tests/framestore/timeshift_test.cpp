@@ -1,322 +1,207 @@
 // Timeshift readers: the lag band, calibration and jump, no-overtake with
 // its two exceptions, and crossover.
-#include <gtest/gtest.h>
-
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "fake_ring.h"
 #include "read_helpers.h"
-#include "sharedmem.h"
 
+namespace readtest {
 namespace {
 
-using readtest::DebugLevel;
-using readtest::kKey;
-using readtest::Predicted;
-using readtest::Reader;
-using Ask = Reader::Ask;
-
-constexpr uint32_t kInPlace = SHM_READ_IN_PLACE;
-constexpr uint32_t kCalibrate = SHM_READ_CALIBRATE;
-constexpr uint32_t kJump = SHM_READ_JUMP;
-constexpr uint32_t kKeyStart = SHM_READ_KEY_START;
-constexpr uint32_t kNoOvertake = SHM_READ_NO_OVERTAKE;
+constexpr uint32_t kCalibrate = SHM_READ_CALIBRATE, kJump = SHM_READ_JUMP;
+constexpr uint32_t kKeyStart = SHM_READ_KEY_START, kNoOvertake = SHM_READ_NO_OVERTAKE;
 constexpr uint32_t kCrossover = SHM_READ_CROSSOVER;
+constexpr uint32_t kNone = SHM_REASON_NONE, kWait = SHM_REASON_WAIT;
 
 uint32_t TickOf(int k) { return 10000u + 100u * static_cast<uint32_t>(k); }
-
-// A timeshift ring of `n` frames, 100 ms apart from tick 10000 on, whose
-// flags come from `flagsOf(k)`.
-template <typename FlagsOf>
-void Fill(FakeRing &f, int n, FlagsOf flagsOf, uint32_t size = 100) {
-    f.ring()->byTimeshift = 1;
-    for (int k = 0; k < n; ++k) ASSERT_EQ(0, f.write(size, flagsOf(k), TickOf(k))) << k;
-}
-
 uint32_t KeyEveryFive(int k) { return k % 5 == 0 ? kKey : Predicted(); }
 
-// Puts the reader's cursor on `entry` without any time step: the oldest
-// frame first, then one by one.
-void PlaceOn(Reader &r, int entry) {
-    ASSERT_EQ(0, r.Query({kInPlace | SHM_READ_FROM_OLDEST, TickOf(0)}));
-    while (r.client()->iLastIndex != entry) ASSERT_EQ(0, r.Query({kInPlace, TickOf(0)}));
-    ASSERT_EQ(0, r.Release());
-}
-
-struct Expect {
-    int result;
-    uint32_t reason;
-    int entry;          // delivered entry, or the cursor after -1
-    uint32_t delayOut;  // checked on delivery only
+// A timeshift ring of `n` frames, 100 ms apart from tick 10000 on; a reader
+// on it with its cursor on `entry` (-1: none), placed without a time step.
+struct Timeline {
+    FakeRing f;
+    Reader r;
+    Timeline(uint32_t bytes, int n, uint32_t (*flagsOf)(int), int entry, uint32_t size = 100)
+        : f(bytes), r(f, 3) {
+        f.ring()->byTimeshift = 1;
+        for (int k = 0; k < n; ++k) EXPECT_EQ(0, f.write(size, flagsOf(k), TickOf(k))) << k;
+        if (entry < 0) return;
+        EXPECT_EQ(0, r.Query({kInPlace | SHM_READ_FROM_OLDEST, TickOf(0)}));
+        while (r.client()->iLastIndex < entry) EXPECT_EQ(0, r.Query({kInPlace, TickOf(0)}));
+        EXPECT_EQ(0, r.Release());
+    }
 };
 
-void Check(Reader &r, const Ask &ask, const Expect &e) {
-    int result = r.Query(ask);
-    EXPECT_EQ(e.result, result);
-    EXPECT_EQ(e.reason, r.reason());
-    if (result == 0) {
-        EXPECT_EQ(e.entry, r.deliveredEntry());
-        EXPECT_EQ(e.delayOut, r.request().dwDelay);
+// Queries and checks the outcome, the delay handed back on delivery, and
+// that calibration and jump never leave their own flag changes behind.
+// What the query logs goes to `log` if given.
+void Check(Reader &r, uint32_t flags, uint32_t ref, uint32_t delay, Outcome expected,
+           uint32_t delayOut = 0, std::string *log = nullptr) {
+    Outcome got = {};
+    std::string text = Logged([&] { got = r.Do({kInPlace | flags, ref, delay}); });
+    if (log != nullptr) *log = text;
+    EXPECT_EQ(expected, got) << text;
+    if (expected.result == 0) {
+        EXPECT_EQ(delayOut, r.request().dwDelay);
     }
-    EXPECT_EQ(e.entry, r.client()->iLastIndex);
-    // Calibration and jump never leave their own flag changes behind.
-    EXPECT_EQ(ask.flags, r.request().dwReadFlags);
+    EXPECT_EQ(kInPlace | flags, r.request().dwReadFlags);
 }
 
-// Frames 0..20 (ticks 10000..12000), key frames every fifth; the cursor on
-// entry 9, so that the candidate is entry 10 at tick 11000, with a delay of
-// 100 ms: a frame 900 ms behind the reference is still within the band.
+Outcome At(int entry, uint32_t reason = kNone) { return {0, reason, entry, entry}; }
+Outcome Held(int cursor) { return {-1, kWait, -1, cursor}; }
+
+// The cursor on entry 9 of frames 0..20, so the candidate is entry 10 at
+// 11000; with a delay of 100 a frame 900 ms behind is still in the band.
 TEST(Timeshift, LagOfUpTo800MsBeyondTheDelayStays) {
-    struct Case {
-        uint32_t flags, ref;
-        Expect expect;
-    } cases[] = {
-        {kCalibrate, 11900, {0, SHM_REASON_NONE, 10, 900}},         // 800 over: in the band
-        {kCalibrate, 11901, {0, SHM_REASON_CALIBRATED, 18, 101}},   // 801: newest at 11801
-        {kJump, 11900, {0, SHM_REASON_NONE, 10, 900}},
-        {kJump, 11901, {0, SHM_REASON_JUMPED, 15, 401}},            // last key frame before
-        {0, 11901, {0, SHM_REASON_NONE, 10, 901}},                  // no time step asked for
+    auto check = [](uint32_t flags, uint32_t ref, Outcome expect, uint32_t delayOut,
+                    const char *moved) {
+        SCOPED_TRACE(testing::Message() << "0x" << std::hex << flags << std::dec << " " << ref);
+        Timeline s(4000, 21, KeyEveryFive, 9);
+        std::string log;
+        Check(s.r, flags, ref, 100, expect, delayOut, &log);
+        EXPECT_EQ(*moved ? 1 : 0, CountOf(log, *moved ? moved : "[shmem] : Time ")) << log;
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << "flags 0x" << std::hex << c.flags << std::dec << " ref "
-                                        << c.ref);
-        FakeRing f(4000);
-        Fill(f, 21, KeyEveryFive);
-        Reader r(f, 3);
-        PlaceOn(r, 9);
-        Check(r, {kInPlace | c.flags, c.ref, 100}, c.expect);
-    }
+    check(kCalibrate, 11900, At(10), 900, "");
+    check(kCalibrate, 11901, At(18, SHM_REASON_CALIBRATED), 101,  // newest at 11801
+          "[shmem] : Time 11901 calibrate from [10->18] 11000 to 11800!\n");
+    check(kJump, 11900, At(10), 900, "");
+    check(kJump, 11901, At(15, SHM_REASON_JUMPED), 401,  // last key frame before
+          "[shmem] : Time 11901 Jump from [10->15] 11000 to 11500!\n");
+    check(0, 11901, At(10), 901, "");  // no time step asked for
 }
 
-TEST(Timeshift, CalibrationAndJumpSayWhereTheyMoved) {
-    FakeRing f(4000);
-    Fill(f, 21, KeyEveryFive);
-    Reader calibrating(f, 3);
-    Reader jumping(f, 4);
-    PlaceOn(calibrating, 9);
-    PlaceOn(jumping, 9);
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(0, calibrating.Query({kInPlace | kCalibrate, 12001, 100}));
-    ASSERT_EQ(0, jumping.Query({kInPlace | kJump, 12001, 100}));
-    std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_NE(std::string::npos,
-              log.find("[shmem] : Time 12001 calibrate from [10->19] 11000 to 11900!\n"))
-        << log;
-    EXPECT_NE(std::string::npos, log.find("[shmem] : Time 12001 Jump from [10->15] 11000 to 11500!\n"))
-        << log;
-}
+uint32_t KeysUpTo15(int k) { return k % 5 == 0 && k <= 15 ? kKey : Predicted(); }
+uint32_t KeyAt0(int k) { return k == 0 ? kKey : Predicted(); }
+uint32_t KeysAt0And3(int k) { return k == 0 || k == 3 ? kKey : Predicted(); }
 
-// The candidate is entry 3 (tick 10300), 1700 ms behind a reference of
-// 12000 with a delay of 100: calibration looks back from the newest frame
-// for 11900, a jump looks forward from entry 3 for the last key frame
-// before 11900.
+// The candidate is entry 3 (10300), 1700 ms behind a reference of 12000
+// with a delay of 100: calibration looks back from the newest frame for
+// 11900, a jump forward from entry 3 for the last key frame before 11900.
 TEST(Timeshift, CalibrationVersusJump) {
-    struct Case {
-        const char *name;
-        uint32_t (*flagsOf)(int);
-        uint32_t flags;
-        Expect expect;
-    } cases[] = {
-        {"calibrate", KeyEveryFive, kCalibrate, {0, SHM_REASON_CALIBRATED, 19, 100}},
-        {"jump", KeyEveryFive, kJump, {0, SHM_REASON_JUMPED, 15, 500}},
-        // The calibrated frame is close enough: no jump after it.
-        {"both", KeyEveryFive, kCalibrate | kJump, {0, SHM_REASON_CALIBRATED, 19, 100}},
-        // With a key start the calibration ends on the key frame after 11900.
-        {"calibrate to a key", KeyEveryFive, kCalibrate | kKeyStart,
-         {0, SHM_REASON_CALIBRATED, 20, 0}},
-        // Entries 16..20 predicted: a calibration that must start on a key
-        // frame finds none, and the jump runs from the old candidate.
-        {"calibration fails, jump moves",
-         [](int k) { return k % 5 == 0 && k <= 15 ? kKey : Predicted(); },
-         kCalibrate | kJump | kKeyStart, {0, SHM_REASON_JUMPED, 15, 500}},
-    };
     DebugLevel quiet(2);
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        FakeRing f(4000);
-        Fill(f, 21, c.flagsOf);
-        Reader r(f, 3);
-        PlaceOn(r, 2);
-        Check(r, {kInPlace | c.flags, 12000, 100}, c.expect);
-    }
+    auto check = [](uint32_t (*flagsOf)(int), uint32_t flags, Outcome expect, uint32_t delayOut) {
+        SCOPED_TRACE(testing::Message() << "flags 0x" << std::hex << flags);
+        Timeline s(4000, 21, flagsOf, 2);
+        Check(s.r, flags, 12000, 100, expect, delayOut);
+    };
+    check(KeyEveryFive, kCalibrate, At(19, SHM_REASON_CALIBRATED), 100);
+    check(KeyEveryFive, kJump, At(15, SHM_REASON_JUMPED), 500);
+    // The calibrated frame is close enough: no jump after it.
+    check(KeyEveryFive, kCalibrate | kJump, At(19, SHM_REASON_CALIBRATED), 100);
+    // With a key start the calibration ends on the key frame after 11900.
+    check(KeyEveryFive, kCalibrate | kKeyStart, At(20, SHM_REASON_CALIBRATED), 0);
+    // No key frame after 15: the calibration fails, the jump moves.
+    check(KeysUpTo15, kCalibrate | kJump | kKeyStart, At(15, SHM_REASON_JUMPED), 500);
+    // A jump lands only on a key frame after the candidate.
+    check(KeyAt0, kJump, At(3), 1700);
+    check(KeysAt0And3, kJump, At(3), 1700);
+    check(KeysAt0And3, kJump | kKeyStart, At(3), 1700);
 }
 
-// A jump only ever lands on a key frame after the candidate: without one
-// before the wanted moment the reader stays where it is.
-TEST(Timeshift, JumpWithoutAKeyFrameAheadDoesNotMove) {
-    struct Case {
-        const char *name;
-        uint32_t (*flagsOf)(int);
-        uint32_t flags;
-    } cases[] = {
-        {"predicted candidate", [](int k) { return k == 0 ? kKey : Predicted(); }, kJump},
-        {"key candidate", [](int k) { return k == 0 || k == 3 ? kKey : Predicted(); }, kJump},
-        {"key start asked", [](int k) { return k == 0 || k == 3 ? kKey : Predicted(); },
-         kJump | kKeyStart},
-    };
-    DebugLevel quiet(2);
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        FakeRing f(4000);
-        Fill(f, 21, c.flagsOf);
-        Reader r(f, 3);
-        PlaceOn(r, 2);
-        Check(r, {kInPlace | c.flags, 12000, 100}, {0, SHM_REASON_NONE, 3, 1700});
-    }
-}
-
-// Frames 0..20 in a ring of 64 KiB: far from the writer, so only the three
-// oldest are exempt from no-overtake.
+// Frames 0..20 in 64 KiB: far from the writer, so only the three oldest
+// are exempt from no-overtake.
 TEST(Timeshift, NoOvertakeHoldsBackFramesYoungerThanTheDelay) {
-    struct Case {
-        const char *name;
-        int placeOn;
-        uint32_t flags, ref, delay;
-        Expect expect;
-    } cases[] = {
-        {"exactly the delay", 8, kNoOvertake, 11900, 1000, {0, SHM_REASON_NONE, 9, 1000}},
-        {"1 ms too young", 8, kNoOvertake, 11899, 1000, {-1, SHM_REASON_WAIT, 8, 0}},
-        {"delay 0, same tick", 9, kNoOvertake, 11000, 0, {0, SHM_REASON_NONE, 10, 0}},
-        {"delay 0, newer", 10, kNoOvertake, 11000, 0, {-1, SHM_REASON_WAIT, 10, 0}},
-        {"crossover", 10, kCrossover, 11000, 0, {0, SHM_REASON_CROSSOVER, 11, 100}},
-        {"crossover held back", 10, kCrossover | kNoOvertake, 11000, 0,
-         {-1, SHM_REASON_WAIT, 10, 0}},
-        {"crossover, older frame", 10, kCrossover, 11200, 0, {0, SHM_REASON_NONE, 11, 100}},
-    };
     DebugLevel quiet(2);
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        FakeRing f(64 * 1024);
-        Fill(f, 21, KeyEveryFive);
-        Reader r(f, 3);
-        PlaceOn(r, c.placeOn);
-        Check(r, {kInPlace | c.flags, c.ref, c.delay}, c.expect);
-        if (c.expect.result == -1) {
-            // The reader keeps polling on the same frame.
-            Check(r, {kInPlace | c.flags, c.ref, c.delay}, c.expect);
-            EXPECT_EQ(0, r.pins(c.placeOn + 1));
+    auto check = [](int placeOn, uint32_t flags, uint32_t ref, uint32_t delay, Outcome expect,
+                    uint32_t delayOut = 0) {
+        SCOPED_TRACE(testing::Message() << placeOn << " 0x" << std::hex << flags << std::dec << " "
+                                        << ref << " " << delay);
+        Timeline s(64 * 1024, 21, KeyEveryFive, placeOn);
+        // A reader held back keeps polling on the same frame, unpinned.
+        for (int poll = 0; poll < (expect.result == 0 ? 1 : 2); ++poll) {
+            Check(s.r, flags, ref, delay, expect, delayOut);
         }
-    }
+        if (expect.result != 0) {
+            EXPECT_TRUE(Unpinned(s.f, placeOn + 1));
+        }
+    };
+    check(8, kNoOvertake, 11900, 1000, At(9), 1000);  // exactly the delay
+    check(8, kNoOvertake, 11899, 1000, Held(8));      // 1 ms too young
+    check(9, kNoOvertake, 11000, 0, At(10), 0);       // delay 0, same tick
+    check(10, kNoOvertake, 11000, 0, Held(10));       // delay 0, newer
+    check(10, kCrossover, 11000, 0, At(11, SHM_REASON_CROSSOVER), 100);
+    check(10, kCrossover | kNoOvertake, 11000, 0, Held(10));
+    check(10, kCrossover, 11200, 0, At(11), 100);  // crossover, older frame
 }
 
 TEST(Timeshift, FirstQueryHeldBackByNoOvertakeSearchesAfreshNextTime) {
-    FakeRing f(64 * 1024);
-    Fill(f, 21, KeyEveryFive);
-    Reader r(f, 3);
+    Timeline s(64 * 1024, 21, KeyEveryFive, -1);
     DebugLevel quiet(2);
-    // Wanted: 10050. The search stops above the three oldest, on entry 3,
+    // Wanted 10050: the search stops above the three oldest, on entry 3,
     // 750 ms before the reference: too young.
-    EXPECT_EQ(-1, r.Query({kInPlace | kNoOvertake, 11050, 1000}));
-    EXPECT_EQ(SHM_REASON_WAIT, r.reason());
-    EXPECT_EQ(-1, r.client()->iLastIndex);
-    // Later, with the reference moved on, the search finds the frame.
-    ASSERT_EQ(0, r.Query({kInPlace | kNoOvertake, 11400, 1000}));
-    EXPECT_EQ(4, r.deliveredEntry());
+    Check(s.r, kNoOvertake, 11050, 1000, Held(-1));
+    Check(s.r, kNoOvertake, 11400, 1000, At(4), 1000);
 }
 
 TEST(Timeshift, NoOvertakeLetsTheThreeOldestFramesThrough) {
-    FakeRing f(64 * 1024);
-    Fill(f, 21, KeyEveryFive);
-    Reader r(f, 3);
+    Timeline s(64 * 1024, 21, KeyEveryFive, -1);
     DebugLevel traced(6 | 0x20);
     // Every frame is newer than the reference.
-    const Ask ask = {kInPlace | kNoOvertake | SHM_READ_FROM_OLDEST, 9000, 0};
-    testing::internal::CaptureStdout();
-    for (int entry = 0; entry < 3; ++entry) {
-        ASSERT_EQ(0, r.Query(ask)) << entry;
-        EXPECT_EQ(entry, r.deliveredEntry());
-        EXPECT_EQ(SHM_REASON_NONE, r.reason());
-    }
-    EXPECT_EQ(-1, r.Query(ask));
-    std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(SHM_REASON_WAIT, r.reason());
-    EXPECT_EQ(2, r.client()->iLastIndex);
-    EXPECT_NE(std::string::npos, log.find("[shmem] : query too deep? 0|0\n")) << log;
-    EXPECT_NE(std::string::npos, log.find("[shmem] : query too deep? 2|0\n")) << log;
+    std::vector<Outcome> got;
+    std::string log = Logged([&] {
+        for (int k = 0; k < 4; ++k) {
+            got.push_back(s.r.Do({kInPlace | kNoOvertake | SHM_READ_FROM_OLDEST, 9000}));
+        }
+    });
+    EXPECT_EQ((std::vector<Outcome>{At(0), At(1), At(2), Held(2)}), got);
+    EXPECT_EQ(1, CountOf(log, "[shmem] : query too deep? 0|0\n")) << log;
+    EXPECT_EQ(1, CountOf(log, "[shmem] : query too deep? 2|0\n")) << log;
 }
 
 // 1000-byte frames in 64 KiB: 65 fit, so frames 65..69 start a new lap in
 // entries 0..4 and the oldest is entry 5, right ahead of the writer. Entry
-// 8 lies 3000 bytes ahead of it, inside the 3072-byte margin; entry 9 is
-// 4000 bytes ahead.
+// 8 lies 3000 bytes ahead of it, inside the 3072-byte margin; entry 9
+// 4000 bytes ahead. Both frames are too young for the reference.
 TEST(Timeshift, NoOvertakeLetsAFrameInsideTheWritersMarginThrough) {
-    FakeRing f(64 * 1024);
-    Fill(f, 70, KeyEveryFive, 1000);
-    SharedMemSectorHeader *ring = f.ring();
-    ASSERT_TRUE(f.isTwoGenerations());
+    Timeline s(64 * 1024, 70, KeyEveryFive, 7, 1000);
+    SharedMemSectorHeader *ring = s.f.ring();
     ASSERT_EQ(5, ring->iOldestIndex);
     ASSERT_EQ(0, SharedMem_IsFrameTooOld(ring, 8));
-    ASSERT_EQ(1, SharedMem_IsInsideMargin(ring, 8));
-    ASSERT_EQ(0, SharedMem_IsInsideMargin(ring, 9));
-
-    Reader r(f, 3);
-    PlaceOn(r, 7);
+    ASSERT_EQ(std::make_pair(1, 0),
+              std::make_pair(SharedMem_IsInsideMargin(ring, 8), SharedMem_IsInsideMargin(ring, 9)));
     DebugLevel quiet(2);
-    const Ask ask = {kInPlace | kNoOvertake, 10850, 1000};  // both frames too young
-    ASSERT_EQ(0, r.Query(ask));
-    EXPECT_EQ(8, r.deliveredEntry());
-    EXPECT_EQ(SHM_REASON_NONE, r.reason());
-    EXPECT_EQ(-1, r.Query(ask));
-    EXPECT_EQ(SHM_REASON_WAIT, r.reason());
-    EXPECT_EQ(8, r.client()->iLastIndex);
-}
-
-std::unique_ptr<SharedMemSectorHeader> BareHeader() {
-    return std::unique_ptr<SharedMemSectorHeader>(new SharedMemSectorHeader());
+    Check(s.r, kNoOvertake, 10850, 1000, At(8), 50);
+    Check(s.r, kNoOvertake, 10850, 1000, Held(8));
 }
 
 TEST(Timeshift, FrameTooOldNamesTheOldestAndTheTwoAfterIt) {
-    struct Case {
-        int oldest, latest, boundary;
-        uint32_t index;
-        int answer;
-    } cases[] = {
-        {5, 2, 20, 5, 1},  {5, 2, 20, 6, 1},  {5, 2, 20, 7, 1},
-        {5, 2, 20, 8, 0},  {5, 2, 20, 4, 0},
-        {9, 3, 9, 9, 1},   {9, 3, 9, 0, 1},   {9, 3, 9, 1, 1},  // O = B: wraps to 0 and 1
-        {9, 3, 9, 2, 0},
-        {0, 1, 1, 0, 1},   {0, 1, 1, 1, 0},   // the latest right after O
-        {0, 2, 2, 1, 1},   {0, 2, 2, 2, 0},
-        {9, 0, 9, 0, 1},   // after a wrap the latest counts
+    SharedMemSectorHeader header = {};
+    header.iMaxIndex = SHM_FRAME_ENTRIES - 1;
+    auto check = [&](int oldest, int latest, int boundary, std::vector<int> tooOld,
+                     std::vector<int> notTooOld) {
+        header.iOldestIndex = oldest;
+        header.iLatestIndex = latest;
+        header.iBoundaryIndex = boundary;
+        for (int i : tooOld) EXPECT_EQ(1, SharedMem_IsFrameTooOld(&header, i)) << oldest << i;
+        for (int i : notTooOld) EXPECT_EQ(0, SharedMem_IsFrameTooOld(&header, i)) << oldest << i;
     };
-    auto header = BareHeader();
-    for (const Case &c : cases) {
-        header->iOldestIndex = c.oldest;
-        header->iLatestIndex = c.latest;
-        header->iBoundaryIndex = c.boundary;
-        header->iMaxIndex = SHM_FRAME_ENTRIES - 1;
-        EXPECT_EQ(c.answer, SharedMem_IsFrameTooOld(header.get(), c.index))
-            << "O=" << c.oldest << " L=" << c.latest << " B=" << c.boundary << " i=" << c.index;
-    }
+    check(5, 2, 20, {5, 6, 7}, {8, 4});
+    check(9, 3, 9, {9, 0, 1}, {2});  // O = B: wraps to 0 and 1
+    check(0, 1, 1, {0}, {1});        // the latest right after O
+    check(0, 2, 2, {1}, {2});
+    check(9, 0, 9, {0}, {});         // after a wrap the latest counts
 }
 
 TEST(Timeshift, InsideMarginEdges) {
-    struct Case {
-        uint32_t end, start, write, frame;
-        int answer;
-    } cases[] = {
-        {1024, 0, 500, 500, 0},                // no margin at all
-        {1025, 0, 500, 500, 1},                // w = f: nothing left
-        {1025, 0, 1000, 0, 1},
-        {1048576, 0, 6928, 10000, 0},          // 3072 left of 3072
-        {1048576, 0, 6929, 10000, 1},
-        {1048577, 0, 92800, 400000, 0},        // 307200 left of 307200
-        {1048577, 0, 92801, 400000, 1},
-        {1048576, 1000, 1047000, 2496, 0},     // behind the writer: 576 + 2496
-        {1048576, 1000, 1047000, 2495, 1},
-        {2010000, 2000000, 2005000, 2009000, 1},  // small sector beyond 1 MiB
+    SharedMemSectorHeader header = {};
+    auto inside = [&](uint32_t end, uint32_t start, uint32_t write, uint32_t frame) {
+        header.dwEndOffset = end;
+        header.dwStartOffset = start;
+        header.dwWriteOffset = write;
+        header.atFrame[0].dwOffset = frame;
+        return SharedMem_IsInsideMargin(&header, 0);
     };
-    auto header = BareHeader();
-    for (const Case &c : cases) {
-        header->dwEndOffset = c.end;
-        header->dwStartOffset = c.start;
-        header->dwWriteOffset = c.write;
-        header->atFrame[0].dwOffset = c.frame;
-        EXPECT_EQ(c.answer, SharedMem_IsInsideMargin(header.get(), 0))
-            << c.end << " " << c.start << " w=" << c.write << " f=" << c.frame;
-    }
+    EXPECT_EQ(0, inside(1024, 0, 500, 500));  // no margin at all
+    EXPECT_EQ(1, inside(1025, 0, 500, 500));  // w = f: nothing left
+    EXPECT_EQ(1, inside(1025, 0, 1000, 0));
+    EXPECT_EQ(0, inside(1048576, 0, 6928, 10000));  // 3072 left of 3072
+    EXPECT_EQ(1, inside(1048576, 0, 6929, 10000));
+    EXPECT_EQ(0, inside(1048577, 0, 92800, 400000));  // 307200 left of 307200
+    EXPECT_EQ(1, inside(1048577, 0, 92801, 400000));
+    EXPECT_EQ(0, inside(1048576, 1000, 1047000, 2496));  // behind the writer: 576 + 2496
+    EXPECT_EQ(1, inside(1048576, 1000, 1047000, 2495));
+    EXPECT_EQ(1, inside(2010000, 2000000, 2005000, 2009000));  // small sector beyond 1 MiB
 }
 
 }  // namespace
+}  // namespace readtest

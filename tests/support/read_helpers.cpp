@@ -6,8 +6,20 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <utility>
 
 namespace readtest {
+
+int CountOf(const std::string &text, const std::string &what) {
+    int n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
+std::ostream &operator<<(std::ostream &os, const Outcome &o) {
+    return os << "{result " << o.result << ", reason " << o.reason << ", entry " << o.entry
+              << ", cursor " << o.cursor << "}";
+}
 
 void WriteFrames(FakeRing &ring, const std::vector<uint32_t> &ticks,
                  const std::vector<uint32_t> &flags, uint32_t size) {
@@ -52,6 +64,11 @@ int Reader::Query(const Ask &ask, bool releaseFirst) {
     return SharedMem_QueryReadBuffer(&handle_, &client_, &data_, &size_, &request_);
 }
 
+Outcome Reader::Do(const Ask &ask, bool releaseFirst) {
+    int result = Query(ask, releaseFirst);
+    return {result, reason(), deliveredEntry(), client_ != nullptr ? client_->iLastIndex : -9};
+}
+
 int Reader::deliveredEntry() const {
     if (data_ == nullptr) return -1;
     uint32_t offset = static_cast<uint32_t>(data_ - ring_.base());
@@ -88,6 +105,8 @@ StampFile::StampFile(FakeRing &ring) {
     memset(ring.ring()->szSecondTag, 0, sizeof ring.ring()->szSecondTag);
     strncpy(ring.ring()->szSecondTag, path_.c_str(), SHM_TAG_MAX);
 }
+
+StampFile::StampFile(std::string path) : path_(std::move(path)) { unlink(path_.c_str()); }
 
 StampFile::~StampFile() { unlink(path_.c_str()); }
 

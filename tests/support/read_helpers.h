@@ -1,17 +1,22 @@
 // Helpers for frame reader tests: a reader with its own handle, client and
-// request on a FakeRing, frame flag shorthands, and the adaptive stamp file.
+// request on a FakeRing, frame flag shorthands, log capture, and the
+// adaptive stamp file.
 #ifndef MOLK_TESTS_READ_HELPERS_H
 #define MOLK_TESTS_READ_HELPERS_H
 
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "fake_ring.h"
 #include "sharedmem.h"
 
 namespace readtest {
 
+constexpr uint32_t kInPlace = SHM_READ_IN_PLACE;
 // Frame flags as the writer's caller gives them.
 constexpr uint32_t kKey = 0;
 inline uint32_t Predicted(uint32_t layer = 0) { return SHM_FRAME_P | (layer << 3); }
@@ -30,6 +35,15 @@ private:
     uint32_t saved_;
 };
 
+// What `run` prints on stdout.
+template <typename Run>
+std::string Logged(Run run) {
+    testing::internal::CaptureStdout();
+    run();
+    return testing::internal::GetCapturedStdout();
+}
+int CountOf(const std::string &text, const std::string &what);
+
 // Publishes frames of `size` bytes with the given ticks and flags; fails
 // the calling test if the writer refuses one.
 void WriteFrames(FakeRing &ring, const std::vector<uint32_t> &ticks,
@@ -38,6 +52,22 @@ void WriteFrames(FakeRing &ring, const std::vector<uint32_t> &ticks,
 // every `keyEvery` frames (0: all key frames), the rest predicted layer 0.
 void WriteRun(FakeRing &ring, int n, uint32_t first, uint32_t step, int keyEvery = 0,
               uint32_t size = 100);
+
+// How a query ended: its result, the reason, the entry it delivered (-1:
+// none) and the client's cursor (-9: no client).
+struct Outcome {
+    int result;
+    uint32_t reason;
+    int entry;
+    int cursor;
+    bool operator==(const Outcome &o) const {
+        return result == o.result && reason == o.reason && entry == o.entry && cursor == o.cursor;
+    }
+};
+std::ostream &operator<<(std::ostream &os, const Outcome &o);
+// Delivered entry i with no reason, or refused with `reason`, cursor on i.
+inline Outcome Got(int i) { return {0, SHM_REASON_NONE, i, i}; }
+inline Outcome Refused(uint32_t reason, int cursor) { return {-1, reason, -1, cursor}; }
 
 // A reader process's view: its own handle on the ring (own AttachID, own
 // stamp mapping), one client, one request record that every query fills
@@ -60,6 +90,7 @@ public:
     // One query; the frame it delivers, if any, is released first when
     // `releaseFirst` (the usual loop of a reader).
     int Query(const Ask &ask, bool releaseFirst = true);
+    Outcome Do(const Ask &ask, bool releaseFirst = true);
     int Release() { return SharedMem_ReleaseReadBuffer(client_); }
 
     SharedMemHandle *handle() { return &handle_; }
@@ -87,16 +118,16 @@ private:
 // True when no AttachID pins entry i.
 bool Unpinned(FakeRing &ring, int i);
 
-// The adaptive stamp file named by the ring's second tag, under /tmp
-// (the tests run with a private /tmp).
+// An adaptive stamp file: by default the one named by the ring's second
+// tag, under /tmp (the tests run with a private /tmp).
 class StampFile {
 public:
     explicit StampFile(FakeRing &ring);
+    explicit StampFile(std::string path);
     ~StampFile();
     void Publish(uint32_t tick);  // creates the file if needed
     uint32_t Read() const;        // 0xFFFFFFFF when the file is missing
     bool Exists() const;
-    const std::string &path() const { return path_; }
 
 private:
     std::string path_;
