@@ -83,7 +83,7 @@ MOLK_API int SharedMem_CheckIndexValid(SharedMemSectorHeader *ptHeader, int iInd
     if (ptHeader == nullptr || iIndex < 0 || iIndex > shm::MaxIndex(ptHeader)) return -1;
     int latest = shm::LoadIndex(ptHeader->iLatestIndex);
     int oldest = shm::LoadIndex(ptHeader->iOldestIndex);
-    int boundary = shm::LoadIndex(ptHeader->iBoundaryIndex);
+    int boundary = shm::BoundaryOf(latest, shm::LoadIndex(ptHeader->iBoundaryIndex));
     bool same = shm::LoadWord(ptHeader->atFrame[iIndex].dwTimeTick) == dwTimeTick;
     if (pdwNextIndex != nullptr) {
         *pdwNextIndex = iIndex < boundary ? static_cast<uint32_t>(iIndex + 1) : 0u;

@@ -18,12 +18,16 @@ int ChooseCandidate(ReadStep *q) {
     uint32_t flags = q->request->dwReadFlags;
     if (!(flags & SHM_READ_RESTART) && SharedMem_CheckClientValid(ring, client, "query") == 0) {
         int last = client->iLastIndex;
-        if (last == shm::LoadIndex(ring->iLatestIndex)) {
+        int latest = shm::LoadIndex(ring->iLatestIndex);
+        if (last == latest) {
             q->request->dwReason = SHM_REASON_LATEST;
             SHM_LOG(shm::kLevelTrace, "already latest frame!");
             return -1;
         }
-        shm::MoveCandidate(q, last >= shm::LoadIndex(ring->iBoundaryIndex) ? 0 : last + 1);
+        // B loaded after L: never below it, or a cursor on the frame before
+        // the newest would wrap to the oldest.
+        int boundary = shm::BoundaryOf(latest, shm::LoadIndex(ring->iBoundaryIndex));
+        shm::MoveCandidate(q, last >= boundary ? 0 : last + 1);
         return 0;
     }
     client->iLastIndex = -1;
@@ -94,7 +98,11 @@ bool Pin(ReadStep *q) {
     {
         shm::SectorLock lock(q->handle->iSemId, q->handle->iSectorIndex);
         if (lock.held()) {
-            bool claimed = (shm::LoadWord(entry.dwFlags) & SHM_FRAME_WRITING) != 0 ||
+            // Acquire: pairs with the writer's release of its mark, so that
+            // the tick and, in later queries, the indices are at least as
+            // new as the entry.
+            bool claimed = (__atomic_load_n(&entry.dwFlags, __ATOMIC_ACQUIRE) &
+                            SHM_FRAME_WRITING) != 0 ||
                            shm::LoadWord(entry.dwTimeTick) != q->tick;
             if (!claimed) {
                 shm::RaisePin(entry.abyAccessCount, q->candidate, q->handle->iAttachId);

@@ -15,7 +15,10 @@
 // sizes and ticks; readers load them without any lock. Every such word is
 // accessed as one aligned 32-bit load or store (relaxed atomics: plain
 // ldr/str on ARM, but the compiler may neither tear nor re-read them).
-// Pin counters and SHM_FRAME_WRITING change only under the sector lock.
+// Pin counters change only under the sector lock, and so does the setting
+// of SHM_FRAME_WRITING on an entry a reader might pin. Entries the writer
+// has marked are its own: it rewrites their flag word without the lock,
+// and the mark of the entry it publishes goes only after the last index.
 #ifndef MOLK_FRAMESTORE_RING_H
 #define MOLK_FRAMESTORE_RING_H
 
@@ -61,9 +64,17 @@ inline uint32_t RoomFrom(const SharedMemSectorHeader *ring, uint32_t from) {
     return from < end ? end - from : 0;
 }
 
-// The live test on one consistent set of index values.
+// B as a reader must use it. In every form L <= B; a reader loads L above
+// B only while the writer publishes a frame that extends the one
+// generation (or the first frame of an empty ring): L is stored before B,
+// and B is about to become L. Taken as it stands, that B would judge the
+// newest frame dead, and would send a reader whose cursor is on the frame
+// before it back to entry 0, the oldest.
+inline int BoundaryOf(int latest, int boundary) { return latest > boundary ? latest : boundary; }
+
+// The live test on one set of index values.
 inline bool IsLive(int index, int latest, int oldest, int boundary) {
-    return index <= boundary && !(latest < index && index < oldest);
+    return index <= BoundaryOf(latest, boundary) && !(latest < index && index < oldest);
 }
 
 // The live test on the ring as it stands now. The words are loaded one by

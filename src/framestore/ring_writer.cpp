@@ -212,6 +212,14 @@ MOLK_API int SharedMem_QueryWriteStatus(SharedMemHandle *ptHandle, uint32_t *pdw
 // Publishes the frame at entry W. No lock: the query has kept readers off
 // every entry this touches, and nobody else writes the ring. The entry is
 // complete before L names it.
+//
+// Entry W keeps SHM_FRAME_WRITING until the last index is stored. Until
+// then the indices still describe the ring without the new frame: when W
+// reuses the oldest entry, O still names it as the oldest while it already
+// carries the newest frame. A reader that pinned it in that moment (a
+// first query from the oldest, spinning on the claimed entry) would take
+// the newest frame and then step on to O + 1, an older one. Once the mark
+// is gone, a reader's later loads see every index of this update.
 MOLK_API int SharedMem_UpdateWritedBuffer(SharedMemHandle *ptHandle, SharedMemWriteInfo *ptInfo) {
     if (!UsableRing(ptHandle) || ptInfo == nullptr) return -1;
     SharedMemSectorHeader *ring = ptHandle->ptHeader;
@@ -233,7 +241,9 @@ MOLK_API int SharedMem_UpdateWritedBuffer(SharedMemHandle *ptHandle, SharedMemWr
 
     shm::StoreWord(ring->dwWriteOffset, static_cast<uint32_t>(newEnd));
     SharedMemFrameEntry &entry = ring->atFrame[write];
-    shm::StoreWord(entry.dwFlags, ptInfo->dwFlags);
+    // The caller's bits are there for the filters at once; the mark keeps
+    // the pin away.
+    shm::StoreWord(entry.dwFlags, ptInfo->dwFlags | SHM_FRAME_WRITING);
     shm::StoreWord(entry.dwOffset, static_cast<uint32_t>(offset));
     shm::StoreWord(entry.dwSize, static_cast<uint32_t>(rounded));
     shm::StoreWord(entry.dwTimeTick,
@@ -246,6 +256,9 @@ MOLK_API int SharedMem_UpdateWritedBuffer(SharedMemHandle *ptHandle, SharedMemWr
     if (oldest == 0 || write > ring->iBoundaryIndex) StoreIndex(ring->iBoundaryIndex, write);
     StoreIndex(ring->iWriteIndex, write + 1);
     shm::StoreWord(ring->dwDuration, DurationOf(ring, oldest, write));
+    // Release: a reader that sees the mark gone (under the sector lock,
+    // with an acquire load) sees the entry and the indices above.
+    __atomic_store_n(&entry.dwFlags, ptInfo->dwFlags, __ATOMIC_RELEASE);
     return 0;
 }
 

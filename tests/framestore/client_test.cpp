@@ -77,6 +77,7 @@ TEST_F(ClientTest, QueryAndReleaseVerdictsDifferOnlyForAFrameThatLeftTheLiveRang
     };
     for (const Case &c : cases) {
         r->iBoundaryIndex = c.boundary;
+        r->iLatestIndex = c.boundary < 3 ? c.boundary : 3;  // a rewind leaves L = B
         SharedMemBufClient *client = Client(c.index, c.tick);
         EXPECT_EQ(c.query, SharedMem_CheckClientValid(r, client, "query")) << c.index << c.boundary;
         EXPECT_EQ(c.release, SharedMem_CheckClientValid(r, client, "release"))

@@ -1,5 +1,10 @@
 // The frame reader in whole scenarios on a ring in ordinary memory: where a
 // reader's cursor goes, why a query ends, and what it leaves pinned.
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstddef>
 #include <cstdio>
 #include <string>
 #include <tuple>
@@ -122,6 +127,140 @@ TEST(Reader, CursorOnTheBoundaryWrapsToEntryZero) {
     ASSERT_EQ(2, f.ring()->iBoundaryIndex);
     EXPECT_EQ(Got(0), r.Do({kInPlace, 400}));
     EXPECT_EQ(Refused(SHM_REASON_LATEST, 0), r.Do({kInPlace, 400}));
+}
+
+// The writer stores L before B. While it publishes a frame that extends
+// the one generation, a reader can load L one past B; B is about to follow.
+// The reader on the frame before the newest must go on to the newest, not
+// wrap to the oldest, and on the newest it must not count as lost (which
+// would deliver that frame again, or the oldest).
+TEST(Reader, FrameBeingAppendedIsNeitherPastTheBoundaryNorDead) {
+    for (uint32_t extra : {0u, SHM_READ_FROM_OLDEST}) {
+        SCOPED_TRACE(extra);
+        FakeRing f(4000);
+        WriteRun(f, 4, 100, 100);
+        Reader r(f, 3);
+        ASSERT_EQ(Got(3), r.Do({kInPlace, 400}));
+        WriteFrames(f, {500}, {kKey});
+        // The words as the writer leaves them between its stores of L and B.
+        f.ring()->iBoundaryIndex = 3;
+        f.ring()->iWriteIndex = 4;
+        ASSERT_EQ(0, r.Query({kInPlace | extra, 500}));
+        EXPECT_EQ(4, r.client()->iDeliveredIndex);
+        EXPECT_EQ(f.base() + f.entry(4).dwOffset, r.data());
+        EXPECT_EQ(Refused(SHM_REASON_LATEST, 4), r.Do({kInPlace | extra, 500}));
+        uint32_t next = 99;
+        EXPECT_EQ(0, SharedMem_CheckIndexValid(f.ring(), 4, 500, &next));
+        EXPECT_EQ(0u, next);
+    }
+}
+
+// Stops the writer inside SharedMem_UpdateWritedBuffer: the page behind the
+// one that ends with the reused entry is made inaccessible, and the
+// writer's first access to it is its look at the next entry for the new
+// oldest, after it has stored the reused entry and before any index. The
+// fault handler opens the page again and runs `inWindow` there.
+namespace window {
+uint8_t *g_page = nullptr;
+size_t g_bytes = 0;
+void (*g_inWindow)() = nullptr;
+int g_stops = 0;
+struct sigaction g_previous;
+
+void OnFault(int, siginfo_t *info, void *) {
+    uint8_t *at = static_cast<uint8_t *>(info->si_addr);
+    if (g_page == nullptr || at < g_page || at >= g_page + g_bytes) {
+        sigaction(SIGSEGV, &g_previous, nullptr);  // a real fault: report it as usual
+        return;
+    }
+    mprotect(g_page, g_bytes, PROT_READ | PROT_WRITE);
+    g_page = nullptr;
+    ++g_stops;
+    g_inWindow();
+}
+}  // namespace window
+
+// What the reader below gets while the writer is stopped, and after.
+Reader *g_tailReader = nullptr;
+Outcome g_inWindow[2];
+std::vector<uint32_t> g_ticks;  // reserved beforehand: no allocation in the handler
+
+void QueryTwiceFromTheOldest() {
+    for (Outcome &o : g_inWindow) {
+        o = g_tailReader->Do({kInPlace | SHM_READ_FROM_OLDEST, 0});
+        if (o.result == 0) g_ticks.push_back(g_tailReader->client()->dwDeliveredTimeTick);
+    }
+}
+
+// Frames of 100 bytes, lap after lap, so that every frame of the second lap
+// reuses the oldest entry (W = O). A reader that starts from the oldest
+// finds that entry claimed and asks again; the writer then publishes into
+// it. Until O, L, B and W are stored the indices still call the entry the
+// oldest, so the reader must stay off it: taking the newest frame there
+// and stepping on to the next entry, an older frame, would go back.
+TEST(Reader, FromTheOldestNeverTakesAReusedEntryBeforeItsIndicesArePublished) {
+    const long page = sysconf(_SC_PAGESIZE);
+    const long header = static_cast<long>(offsetof(SharedMemSectorHeader, atFrame));
+    const int reused = static_cast<int>((page - header) / sizeof(SharedMemFrameEntry)) - 1;
+    if (reused + 50 >= SHM_FRAME_ENTRIES) GTEST_SKIP() << "page of " << page << " bytes";
+    const int lap = reused + 50;
+    FakeRingOptions options;
+    options.dataBytes = static_cast<uint32_t>(lap) * 100 + 50;
+    options.sharedAcrossFork = true;  // mmap: the header starts a page
+    FakeRing f(options);
+    ASSERT_EQ(0u, reinterpret_cast<uintptr_t>(f.base()) % static_cast<uintptr_t>(page));
+    ASSERT_EQ(reinterpret_cast<uint8_t *>(&f.entry(reused + 1)), f.base() + page);
+    WriteRun(f, lap, 1000, 10);
+    WriteRun(f, reused, 1000 + 10 * static_cast<uint32_t>(lap), 10);
+    ASSERT_EQ((RingIndices{reused, reused - 1, lap - 1, reused, f.start() + 100u * reused}),
+              f.indices());
+
+    readtest::DebugLevel quiet(0);  // nothing printed from the fault handler
+    Reader r(f, 3);
+    uint8_t *place = nullptr;
+    ASSERT_EQ(0, SharedMem_QueryAutoRewindWriteBuffer(f.handle(), &place, 100));
+    ASSERT_EQ(Refused(SHM_REASON_FAILED, -1), r.Do({kInPlace | SHM_READ_FROM_OLDEST, 0}));
+
+    g_tailReader = &r;
+    g_ticks.clear();
+    g_ticks.reserve(2 * SHM_FRAME_ENTRIES);
+    window::g_inWindow = QueryTwiceFromTheOldest;
+    window::g_stops = 0;
+    struct sigaction onFault = {};
+    onFault.sa_sigaction = window::OnFault;
+    onFault.sa_flags = SA_SIGINFO;
+    sigemptyset(&onFault.sa_mask);
+    ASSERT_EQ(0, sigaction(SIGSEGV, &onFault, &window::g_previous));
+    window::g_bytes = static_cast<size_t>(page);
+    window::g_page = f.base() + page;
+    ASSERT_EQ(0, mprotect(window::g_page, window::g_bytes, PROT_NONE));
+    const uint32_t newest = 1000 + 10 * static_cast<uint32_t>(lap + reused);
+    SharedMemWriteInfo info = {place, kKey, 100, newest};
+    int updated = SharedMem_UpdateWritedBuffer(f.handle(), &info);
+    sigaction(SIGSEGV, &window::g_previous, nullptr);
+    if (window::g_page != nullptr) mprotect(window::g_page, window::g_bytes, PROT_READ | PROT_WRITE);
+    ASSERT_EQ(0, updated);
+    ASSERT_EQ(1, window::g_stops);
+
+    for (const Outcome &o : g_inWindow) EXPECT_EQ(Refused(SHM_REASON_FAILED, -1), o);
+    ASSERT_EQ((RingIndices{reused + 1, reused, lap - 1, reused + 1, f.start() + 100u * (reused + 1)}),
+              f.indices());
+    // Once published, the reader takes the oldest and goes on, older to newer.
+    for (;;) {
+        int result = r.Query({kInPlace | SHM_READ_FROM_OLDEST, 0});
+        if (result != 0) {
+            EXPECT_EQ(SHM_REASON_LATEST, r.reason());
+            break;
+        }
+        g_ticks.push_back(r.client()->dwDeliveredTimeTick);
+    }
+    ASSERT_FALSE(g_ticks.empty());
+    EXPECT_EQ(newest, g_ticks.back());
+    for (size_t i = 1; i < g_ticks.size(); ++i) {
+        ASSERT_LT(g_ticks[i - 1], g_ticks[i]) << "delivery " << i;
+    }
+    EXPECT_EQ(static_cast<size_t>(lap), g_ticks.size());
+    g_tailReader = nullptr;
 }
 
 // Key frames at 0 and 5 of 0..9: a first search that ends on a predicted
