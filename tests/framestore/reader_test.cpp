@@ -1,14 +1,15 @@
 // The frame reader in whole scenarios on a ring in ordinary memory: where a
-// reader's cursor goes, why a query ends, and what it leaves pinned.
+// reader's cursor goes, why a query ends, and what it leaves pinned; the
+// time steps of timeshift readers; adaptive readers.
 #include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
-#include <cstdio>
-#include <string>
+#include <cstring>
+#include <functional>
 #include <tuple>
-#include <vector>
 
 #include "read_helpers.h"
 
@@ -17,70 +18,23 @@ namespace {
 
 using V = std::vector<uint32_t>;
 
-// One query with its own request {flags, ref}, through `slot` or, when it
-// is null, a temporary client.
-struct Plain {
-    SharedMemReadRequest request;
-    uint8_t *data;
-    uint32_t size;
-    int result;
-};
-Plain QueryWith(SharedMemHandle *h, uint32_t flags, uint32_t ref,
-                SharedMemBufClient **slot = nullptr) {
-    Plain p = {{flags, 0, ref, 0, 0, 0, 0, 0}, nullptr, 0, 0};
-    p.result = SharedMem_QueryReadBuffer(h, slot, &p.data, &p.size, &p.request);
-    return p;
-}
-
-TEST(Reader, LatestFrameGivesReasonEightUntilTheWriterAddsExactlyTheNext) {
-    FakeRing f(4000);
-    WriteRun(f, 3, 100, 100);
-    Reader r(f, 3);
-    ASSERT_EQ(Got(2), r.Do({kInPlace, 300}));
-    EXPECT_EQ(f.base() + f.entry(2).dwOffset, r.data());
-    EXPECT_EQ(100u, r.size());
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        EXPECT_EQ(Refused(SHM_REASON_LATEST, 2), r.Do({kInPlace, 300}));
-        EXPECT_EQ(0u, r.client()->dwHeld);
-        EXPECT_TRUE(Unpinned(f, 2));
-    }
-    WriteFrames(f, {400, 500, 600}, {Predicted(), kKey, kKey});
-    ASSERT_EQ(Got(3), r.Do({kInPlace, 300}));
-    EXPECT_EQ(1, r.pins(3));
-    // A restart ignores the valid cursor: the newest frame, or the oldest.
-    EXPECT_EQ(Got(5), r.Do({kInPlace | SHM_READ_RESTART, 600}));
-    EXPECT_EQ(Got(0), r.Do({kInPlace | SHM_READ_RESTART | SHM_READ_FROM_OLDEST, 600}));
-}
-
-// The reader releases entry 0; the writer claims entries 0..2 for a new lap
-// and the reader's next frame is refused as overwritten. Once the writer
-// has published, the next query places the reader anew: on the newest
-// frame (the one just written) or, when asked, the oldest that survived.
+// The reader gives back entry 0; the writer claims entries 0..2 for a new
+// lap and the reader's next frame is refused as overwritten. Once the
+// writer has published, the next query places the reader anew, on the
+// newest frame. The ring has no timeshift: the delay asked for is dropped.
 TEST(Reader, LostReaderGetsBackOnAfterTheWriterOvertookIt) {
-    for (uint32_t extra : {0u, SHM_READ_FROM_OLDEST}) {
-        SCOPED_TRACE(extra);
-        FakeRing f(1000);
-        WriteRun(f, 10, 100, 100);  // exactly full
-        Reader r(f, 3);
-        ASSERT_EQ(Got(0), r.Do({kInPlace | SHM_READ_FROM_OLDEST, 1000}));
-        ASSERT_EQ(0, r.Release());
-        uint8_t *place = nullptr;
-        ASSERT_EQ(0, SharedMem_QueryAutoRewindWriteBuffer(f.handle(), &place, 300));
-        Outcome lost = {};
-        std::string log = Logged([&] { lost = r.Do({kInPlace | extra, 1000}); });
-        EXPECT_EQ(Refused(SHM_REASON_FAILED, 0), lost);
-        EXPECT_EQ(1, CountOf(log, "[shmem] : queried frame is overwritten! 1 0 9 9\n")) << log;
-        EXPECT_EQ(0, r.client()->iDeliveredIndex);
-        EXPECT_TRUE(Unpinned(f, 1));
-
-        SharedMemWriteInfo info = {place, kKey, 300, 1100};
-        ASSERT_EQ(0, SharedMem_UpdateWritedBuffer(f.handle(), &info));
-        ASSERT_EQ(3, f.ring()->iOldestIndex);
-        const int entry = extra != 0 ? 3 : 0;
-        ASSERT_EQ(Got(entry), r.Do({kInPlace | extra, 1100}));
-        EXPECT_EQ(extra != 0 ? 400u : 1100u, r.deliveredTick());
-        EXPECT_EQ(1, r.pins(entry));
-    }
+    FakeRing f(1000);
+    WriteRun(f, 10, 100, 100);  // exactly full
+    Reader r(f, 3);
+    ASSERT_EQ(Got(0), r.Do({kInPlace | SHM_READ_FROM_OLDEST, 1000}));
+    ASSERT_EQ(0, r.Release());
+    uint8_t *place = nullptr;
+    ASSERT_EQ(0, SharedMem_QueryAutoRewindWriteBuffer(f.handle(), &place, 300));
+    EXPECT_EQ(Refused(SHM_REASON_FAILED, 0), r.Do({kInPlace, 1000}));
+    EXPECT_TRUE(Unpinned(f, 1));
+    SharedMemWriteInfo info = {place, kKey, 300, 1100};
+    ASSERT_EQ(0, SharedMem_UpdateWritedBuffer(f.handle(), &info));
+    EXPECT_EQ(Got(0), r.Do({kInPlace, 1100, 500}));  // 1100, not the 600 of a delay
 }
 
 // r is made at 5000, q at 3500; the first frame (4000) is older than r's
@@ -89,25 +43,10 @@ TEST(Reader, NewOnlyMakesAClientOnAnEmptyRingWithItsStartTickFixed) {
     const uint32_t newOnly = kInPlace | SHM_READ_NEW_ONLY;
     FakeRing f(4000);
     Reader r(f, 3), q(f, 4);
-    // Without the flag an empty ring makes nothing and writes no reason.
-    EXPECT_EQ((Outcome{-1, 0xEEEEu, -1, -9}), r.Do({kInPlace, 5000}));
-    Plain temporary = QueryWith(f.handle(), newOnly, 5000);
-    EXPECT_EQ(std::make_tuple(-1, SHM_REASON_FAILED), std::make_tuple(temporary.result,
-                                                                      temporary.request.dwReason));
-    EXPECT_EQ(nullptr, temporary.data);
-
     EXPECT_EQ(-1, r.Query({newOnly, 5000}));
     EXPECT_EQ(-1, q.Query({newOnly, 3500}));
-    const SharedMemBufClient *c = r.client();
-    ASSERT_NE(nullptr, c);
-    EXPECT_EQ(std::make_tuple(-1, -1, 5000u, 4900u, 0u),
-              std::make_tuple(c->iLastIndex, c->iDeliveredIndex, c->dwLastTimeTick,
-                              c->dwDeliveredTimeTick, c->dwHeld));
-
     WriteFrames(f, {4000}, {kKey});
     EXPECT_EQ(Refused(SHM_REASON_TOO_EARLY, 0), r.Do({newOnly, 6000}));
-    EXPECT_EQ(-1, c->iDeliveredIndex);
-    EXPECT_TRUE(Unpinned(f, 0));
     EXPECT_EQ(Got(0), q.Do({newOnly, 6000}));
     EXPECT_EQ(Refused(SHM_REASON_LATEST, 0), r.Do({newOnly, 6000}));
     // Only a first query is tested against the start tick.
@@ -115,165 +54,91 @@ TEST(Reader, NewOnlyMakesAClientOnAnEmptyRingWithItsStartTickFixed) {
     EXPECT_EQ(Got(1), r.Do({newOnly, 6000}));
 }
 
-// Three frames of 300 bytes fill entries 0..2, the fourth rewinds into 0.
-TEST(Reader, CursorOnTheBoundaryWrapsToEntryZero) {
-    FakeRing f(1000);
-    WriteRun(f, 3, 100, 100, 0, 300);
-    Reader r(f, 3);
-    ASSERT_EQ(Got(2), r.Do({kInPlace, 300}));
-    ASSERT_EQ(0, r.Release());
-    WriteFrames(f, {400}, {kKey}, 300);
-    ASSERT_TRUE(f.isTwoGenerations());
-    ASSERT_EQ(2, f.ring()->iBoundaryIndex);
-    EXPECT_EQ(Got(0), r.Do({kInPlace, 400}));
-    EXPECT_EQ(Refused(SHM_REASON_LATEST, 0), r.Do({kInPlace, 400}));
-}
-
 // The writer stores L before B. While it publishes a frame that extends
-// the one generation, a reader can load L one past B; B is about to follow.
-// The reader on the frame before the newest must go on to the newest, not
-// wrap to the oldest, and on the newest it must not count as lost (which
-// would deliver that frame again, or the oldest).
+// the one generation, a reader can load L one past B. The reader on the
+// frame before the newest must go on to the newest, not wrap to the
+// oldest, and on the newest it must not count as lost (a reader counted
+// lost from the oldest would be placed on entry 0 again).
 TEST(Reader, FrameBeingAppendedIsNeitherPastTheBoundaryNorDead) {
-    for (uint32_t extra : {0u, SHM_READ_FROM_OLDEST}) {
-        SCOPED_TRACE(extra);
-        FakeRing f(4000);
-        WriteRun(f, 4, 100, 100);
-        Reader r(f, 3);
-        ASSERT_EQ(Got(3), r.Do({kInPlace, 400}));
-        WriteFrames(f, {500}, {kKey});
-        // The words as the writer leaves them between its stores of L and B.
-        f.ring()->iBoundaryIndex = 3;
-        f.ring()->iWriteIndex = 4;
-        ASSERT_EQ(0, r.Query({kInPlace | extra, 500}));
-        EXPECT_EQ(4, r.client()->iDeliveredIndex);
-        EXPECT_EQ(f.base() + f.entry(4).dwOffset, r.data());
-        EXPECT_EQ(Refused(SHM_REASON_LATEST, 4), r.Do({kInPlace | extra, 500}));
-        uint32_t next = 99;
-        EXPECT_EQ(0, SharedMem_CheckIndexValid(f.ring(), 4, 500, &next));
-        EXPECT_EQ(0u, next);
-    }
+    const uint32_t fromOldest = kInPlace | SHM_READ_FROM_OLDEST;
+    FakeRing f(4000);
+    WriteRun(f, 4, 100, 100);
+    Reader r(f, 3);
+    ASSERT_EQ(Got(3), r.Do({kInPlace, 400}));
+    WriteFrames(f, {500}, {kKey});
+    f.ring()->iBoundaryIndex = 3;  // as between the writer's stores of L and B
+    f.ring()->iWriteIndex = 4;
+    ASSERT_EQ(0, r.Query({fromOldest, 500}));
+    EXPECT_EQ(f.base() + f.entry(4).dwOffset, r.data());
+    EXPECT_EQ(Refused(SHM_REASON_LATEST, 4), r.Do({fromOldest, 500}));
 }
 
 // Stops the writer inside SharedMem_UpdateWritedBuffer: the page behind the
 // one that ends with the reused entry is made inaccessible, and the
 // writer's first access to it is its look at the next entry for the new
 // oldest, after it has stored the reused entry and before any index. The
-// fault handler opens the page again and runs `inWindow` there.
-namespace window {
+// fault handler opens the page again and queries there, twice.
 uint8_t *g_page = nullptr;
-size_t g_bytes = 0;
-void (*g_inWindow)() = nullptr;
-int g_stops = 0;
-struct sigaction g_previous;
-
-void OnFault(int, siginfo_t *info, void *) {
-    uint8_t *at = static_cast<uint8_t *>(info->si_addr);
-    if (g_page == nullptr || at < g_page || at >= g_page + g_bytes) {
-        sigaction(SIGSEGV, &g_previous, nullptr);  // a real fault: report it as usual
-        return;
-    }
-    mprotect(g_page, g_bytes, PROT_READ | PROT_WRITE);
-    g_page = nullptr;
-    ++g_stops;
-    g_inWindow();
-}
-}  // namespace window
-
-// What the reader below gets while the writer is stopped, and after.
-Reader *g_tailReader = nullptr;
+size_t g_pageBytes = 0;
+Reader *g_reader = nullptr;
 Outcome g_inWindow[2];
-std::vector<uint32_t> g_ticks;  // reserved beforehand: no allocation in the handler
+int g_stops = 0;
 
-void QueryTwiceFromTheOldest() {
-    for (Outcome &o : g_inWindow) {
-        o = g_tailReader->Do({kInPlace | SHM_READ_FROM_OLDEST, 0});
-        if (o.result == 0) g_ticks.push_back(g_tailReader->client()->dwDeliveredTimeTick);
-    }
+void QueryInTheWindow(int, siginfo_t *info, void *) {
+    uint8_t *at = static_cast<uint8_t *>(info->si_addr);
+    if (at < g_page || at >= g_page + g_pageBytes) abort();  // a real fault
+    mprotect(g_page, g_pageBytes, PROT_READ | PROT_WRITE);
+    ++g_stops;
+    for (Outcome &o : g_inWindow) o = g_reader->Do({kInPlace | SHM_READ_FROM_OLDEST, 0});
 }
 
 // Frames of 100 bytes, lap after lap, so that every frame of the second lap
-// reuses the oldest entry (W = O). A reader that starts from the oldest
-// finds that entry claimed and asks again; the writer then publishes into
-// it. Until O, L, B and W are stored the indices still call the entry the
-// oldest, so the reader must stay off it: taking the newest frame there
-// and stepping on to the next entry, an older frame, would go back.
+// reuses the oldest entry (W = O). A reader from the oldest finds that
+// entry claimed; the writer then publishes into it. Until O, L, B and W are
+// stored the indices still call the entry the oldest, so the reader must
+// stay off it: taking the newest frame there and stepping on to the next
+// entry, an older frame, would go back.
 TEST(Reader, FromTheOldestNeverTakesAReusedEntryBeforeItsIndicesArePublished) {
     const long page = sysconf(_SC_PAGESIZE);
     const long header = static_cast<long>(offsetof(SharedMemSectorHeader, atFrame));
     const int reused = static_cast<int>((page - header) / sizeof(SharedMemFrameEntry)) - 1;
-    if (reused + 50 >= SHM_FRAME_ENTRIES) GTEST_SKIP() << "page of " << page << " bytes";
     const int lap = reused + 50;
+    if (lap >= SHM_FRAME_ENTRIES) GTEST_SKIP() << "page of " << page << " bytes";
     FakeRingOptions options;
     options.dataBytes = static_cast<uint32_t>(lap) * 100 + 50;
     options.sharedAcrossFork = true;  // mmap: the header starts a page
     FakeRing f(options);
-    ASSERT_EQ(0u, reinterpret_cast<uintptr_t>(f.base()) % static_cast<uintptr_t>(page));
-    ASSERT_EQ(reinterpret_cast<uint8_t *>(&f.entry(reused + 1)), f.base() + page);
-    WriteRun(f, lap, 1000, 10);
-    WriteRun(f, reused, 1000 + 10 * static_cast<uint32_t>(lap), 10);
-    ASSERT_EQ((RingIndices{reused, reused - 1, lap - 1, reused, f.start() + 100u * reused}),
-              f.indices());
+    WriteRun(f, lap + reused, 1000, 10);
+    ASSERT_EQ(reused, f.ring()->iOldestIndex);  // and W
 
-    readtest::DebugLevel quiet(0);  // nothing printed from the fault handler
+    DebugLevel quiet(0);  // nothing printed from the fault handler
     Reader r(f, 3);
     uint8_t *place = nullptr;
     ASSERT_EQ(0, SharedMem_QueryAutoRewindWriteBuffer(f.handle(), &place, 100));
     ASSERT_EQ(Refused(SHM_REASON_FAILED, -1), r.Do({kInPlace | SHM_READ_FROM_OLDEST, 0}));
-
-    g_tailReader = &r;
-    g_ticks.clear();
-    g_ticks.reserve(2 * SHM_FRAME_ENTRIES);
-    window::g_inWindow = QueryTwiceFromTheOldest;
-    window::g_stops = 0;
-    struct sigaction onFault = {};
-    onFault.sa_sigaction = window::OnFault;
+    g_reader = &r;
+    g_page = f.base() + page;
+    g_pageBytes = static_cast<size_t>(page);
+    struct sigaction onFault = {}, previous = {};
+    onFault.sa_sigaction = QueryInTheWindow;
     onFault.sa_flags = SA_SIGINFO;
-    sigemptyset(&onFault.sa_mask);
-    ASSERT_EQ(0, sigaction(SIGSEGV, &onFault, &window::g_previous));
-    window::g_bytes = static_cast<size_t>(page);
-    window::g_page = f.base() + page;
-    ASSERT_EQ(0, mprotect(window::g_page, window::g_bytes, PROT_NONE));
+    ASSERT_EQ(0, sigaction(SIGSEGV, &onFault, &previous));
+    ASSERT_EQ(0, mprotect(g_page, g_pageBytes, PROT_NONE));
     const uint32_t newest = 1000 + 10 * static_cast<uint32_t>(lap + reused);
     SharedMemWriteInfo info = {place, kKey, 100, newest};
-    int updated = SharedMem_UpdateWritedBuffer(f.handle(), &info);
-    sigaction(SIGSEGV, &window::g_previous, nullptr);
-    if (window::g_page != nullptr) mprotect(window::g_page, window::g_bytes, PROT_READ | PROT_WRITE);
+    const int updated = SharedMem_UpdateWritedBuffer(f.handle(), &info);
+    sigaction(SIGSEGV, &previous, nullptr);
+    mprotect(g_page, g_pageBytes, PROT_READ | PROT_WRITE);
     ASSERT_EQ(0, updated);
-    ASSERT_EQ(1, window::g_stops);
-
+    ASSERT_EQ(1, g_stops);
     for (const Outcome &o : g_inWindow) EXPECT_EQ(Refused(SHM_REASON_FAILED, -1), o);
-    ASSERT_EQ((RingIndices{reused + 1, reused, lap - 1, reused + 1, f.start() + 100u * (reused + 1)}),
-              f.indices());
     // Once published, the reader takes the oldest and goes on, older to newer.
-    for (;;) {
-        int result = r.Query({kInPlace | SHM_READ_FROM_OLDEST, 0});
-        if (result != 0) {
-            EXPECT_EQ(SHM_REASON_LATEST, r.reason());
-            break;
-        }
-        g_ticks.push_back(r.client()->dwDeliveredTimeTick);
-    }
-    ASSERT_FALSE(g_ticks.empty());
-    EXPECT_EQ(newest, g_ticks.back());
-    for (size_t i = 1; i < g_ticks.size(); ++i) {
-        ASSERT_LT(g_ticks[i - 1], g_ticks[i]) << "delivery " << i;
-    }
-    EXPECT_EQ(static_cast<size_t>(lap), g_ticks.size());
-    g_tailReader = nullptr;
-}
-
-// Key frames at 0 and 5 of 0..9: a first search that ends on a predicted
-// frame fails a key start; a size-limited one goes back to a key frame.
-TEST(Reader, FirstQueryWithKeyStart) {
-    FakeRing f(4000);
-    WriteRun(f, 10, 100, 100, 5);
-    Reader strict(f, 3), sized(f, 4);
-    DebugLevel quiet(2);
-    EXPECT_EQ(Refused(SHM_REASON_FAILED, -1), strict.Do({kInPlace | SHM_READ_KEY_START, 1000}));
-    EXPECT_EQ(5, sized.Do({kInPlace | SHM_READ_KEY_START | SHM_READ_SIZE_LIMIT, 1000}).entry);
-    WriteFrames(f, {1100}, {kKey});
-    EXPECT_EQ(Got(10), strict.Do({kInPlace | SHM_READ_KEY_START, 1100}));
+    V ticks;
+    while (r.Query({kInPlace | SHM_READ_FROM_OLDEST, 0}) == 0) ticks.push_back(r.deliveredTick());
+    EXPECT_EQ(SHM_REASON_LATEST, r.reason());
+    ASSERT_EQ(static_cast<size_t>(lap), ticks.size());
+    EXPECT_EQ(newest, ticks.back());
+    EXPECT_EQ(ticks.end(), std::adjacent_find(ticks.begin(), ticks.end(), std::greater_equal<>()));
 }
 
 V Ticks(int n, uint32_t first, uint32_t step) {
@@ -282,211 +147,316 @@ V Ticks(int n, uint32_t first, uint32_t step) {
     return ticks;
 }
 
+// Frames with these ticks and flags, every one unread, read entry by entry
+// from the oldest, at most one per `interval` ms when rate limited. Per
+// entry: the reason it was dropped for or, when delivered, 100 plus the
+// rate limiter's carry. Only a delivery clears SHM_FRAME_UNREAD, which
+// keeps the writer off a frame nobody has read.
+V Walk(const V &ticks, V frames, uint32_t flags, uint32_t interval) {
+    FakeRing f(4000);
+    for (uint32_t &flag : frames) flag |= SHM_FRAME_UNREAD;
+    WriteFrames(f, ticks, frames);
+    Reader r(f, 3);
+    V steps;
+    for (int i = 0; i < static_cast<int>(ticks.size()); ++i) {
+        const Outcome o = r.Do({kInPlace | SHM_READ_FROM_OLDEST | flags, 1000, 0, interval});
+        EXPECT_EQ(i, o.cursor);
+        steps.push_back(o.result == 0 ? 100 + r.client()->dwRateCarry : o.reason);
+        EXPECT_EQ(o.result != 0, (f.entry(i).dwFlags & SHM_FRAME_UNREAD) != 0) << i;
+    }
+    EXPECT_EQ(SHM_REASON_LATEST, r.Do({kInPlace | flags, 1000, 0, interval}).reason);
+    return steps;
+}
+
 TEST(Reader, RateLimitCarriesTheOvershootToKeepTheAverageRate) {
-    auto check = [](const V &ticks, uint32_t interval, const V &delivered, const V &carries) {
-        SCOPED_TRACE(ticks.size());
-        FakeRing f(4000);
-        WriteFrames(f, ticks, V(ticks.size(), kKey));
-        Reader r(f, 3);
-        V gotTicks, gotCarries;
-        for (int guard = 0; guard < 100; ++guard) {
-            if (r.Query({kInPlace | SHM_READ_RATE_LIMIT | SHM_READ_FROM_OLDEST, 1000, 0,
-                         interval}) == 0) {
-                gotTicks.push_back(r.deliveredTick());
-                gotCarries.push_back(r.client()->dwRateCarry);
-            } else if (r.reason() == SHM_REASON_LATEST) {
-                break;
-            } else {
-                EXPECT_EQ(SHM_REASON_NOT_YET, r.reason());
-            }
-        }
-        EXPECT_EQ(delivered, gotTicks);
-        EXPECT_EQ(carries, gotCarries);
-    };
     // 25 frames a second, at most one per 100 ms: the 20 ms by which 1120
     // came late lets 1200 through, so the average stays 100 ms.
-    check(Ticks(16, 1000, 40), 100, {1000, 1120, 1200, 1320, 1400, 1520, 1600},
-          {0, 20, 0, 20, 0, 20, 0});
+    EXPECT_EQ((V{100, 10, 10, 120, 10, 100, 10, 10, 120, 10, 100, 10, 10, 120, 10, 100}),
+              Walk(Ticks(16, 1000, 40), V(16, kKey), SHM_READ_RATE_LIMIT, 100));
     // An overshoot beyond the interval is not carried.
-    check({1000, 1120, 1500, 1580, 1600}, 100, {1000, 1120, 1500, 1600}, {0, 20, 0, 0});
+    EXPECT_EQ((V{100, 120, 100, 10, 100}),
+              Walk({1000, 1120, 1500, 1580, 1600}, V(5, kKey), SHM_READ_RATE_LIMIT, 100));
     // Interval 0 means 1000 ms; a new client's last delivery counts as
     // 100 ms before its first reference.
-    check(Ticks(11, 1000, 100), 0, {1900}, {0});
+    EXPECT_EQ((V{10, 10, 10, 10, 10, 10, 10, 10, 10, 100, 10}),
+              Walk(Ticks(11, 1000, 100), V(11, kKey), SHM_READ_RATE_LIMIT, 0));
 }
 
-// Frames 0..6: K, P0, P2, P1, P3, K, P2, 40 ms apart. Each filter runs even
-// after an earlier one dropped the frame; the last one that fired names
-// the reason, and the rate limiter's carry moves on dropped frames too.
+// Frames K, P0, P2, P1, P3, K, P2, 40 ms apart. Each filter runs even after
+// an earlier one dropped the frame; the last one that fired names the
+// reason, and the rate limiter's carry moves on dropped frames too (20 ms
+// from the P1 at 1120, so 80 at the P3 that comes through).
 TEST(Reader, LayerMarkOnlyAndRateFiltersTogether) {
     constexpr uint32_t kMark = SHM_READ_MARK_ONLY, kRate = SHM_READ_RATE_LIMIT;
-    DebugLevel quiet(2);
-    auto check = [](uint32_t flags, const V &reasons /* per entry; 0: delivered */) {
-        SCOPED_TRACE(testing::Message() << "flags 0x" << std::hex << flags);
-        FakeRing f(4000);
-        WriteFrames(f, Ticks(7, 1000, 40),
-                    {kKey, Predicted(0), Predicted(2), Predicted(1), Predicted(3), kKey,
-                     Predicted(2)});
-        Reader r(f, 3);
-        int lastDelivered = -1;
-        for (int i = 0; i < 7; ++i) {
-            EXPECT_EQ(reasons[i] != 0 ? Refused(reasons[i], i) : Got(i),
-                      r.Do({kInPlace | SHM_READ_FROM_OLDEST | flags, 1000, 0, 100}));
-            if (reasons[i] == 0) lastDelivered = i;
-            EXPECT_EQ(lastDelivered, r.client()->iDeliveredIndex) << i;
-        }
-        EXPECT_EQ(Refused(SHM_REASON_LATEST, 6), r.Do({kInPlace | flags, 1000, 0, 100}));
+    auto walk = [](uint32_t flags) {
+        return Walk(
+            Ticks(7, 1000, 40),
+            {kKey, Predicted(0), Predicted(2), Predicted(1), Predicted(3), kKey, Predicted(2)},
+            flags, 100);
     };
-    check(WantLayer(2), {0, 12, 0, 12, 0, 0, 0});
-    check(kMark, {0, 11, 11, 11, 11, 0, 11});
-    check(WantLayer(2) | kMark, {0, 11, 11, 11, 11, 0, 11});
-    check(WantLayer(2) | kRate, {0, 10, 10, 12, 0, 0, 10});
-    check(WantLayer(2) | kMark | kRate, {0, 10, 10, 11, 11, 0, 10});
+    EXPECT_EQ((V{100, 12, 100, 12, 100, 100, 100}), walk(WantLayer(2)));
+    EXPECT_EQ((V{100, 11, 11, 11, 11, 100, 11}), walk(WantLayer(2) | kMark));
+    EXPECT_EQ((V{100, 10, 10, 12, 180, 120, 10}), walk(WantLayer(2) | kRate));
+    EXPECT_EQ((V{100, 10, 10, 11, 11, 100, 10}), walk(WantLayer(2) | kMark | kRate));
 }
 
-TEST(Reader, SecondQueryWithoutReleaseGivesThePinBackFirst) {
+// `other` shares r's AttachID and holds entry 1. A query made while r still
+// holds a frame gives that pin back first, whether it then finds a frame
+// or not; a drop leaves other's pin alone; a client used with another
+// handle is refused and keeps its hold.
+TEST(Reader, PinsAreGivenBackOnceAndOnlyByTheirHolder) {
     FakeRing f(4000);
-    WriteRun(f, 2, 100, 100);
-    Reader r(f, 3);
-    ASSERT_EQ(Got(0), r.Do({kInPlace | SHM_READ_FROM_OLDEST, 200}));
-    Outcome second = {};
-    std::string log = Logged([&] { second = r.Do({kInPlace, 200}, false); });
-    EXPECT_EQ(Got(1), second);
-    EXPECT_EQ(1, CountOf(log, "[shmem] : query twice before release.0 0, 0 1 " +
-                                  std::to_string(f.ring()->dwWriteOffset) + "\n"))
-        << log;
-    EXPECT_EQ(std::make_tuple(0, 1), std::make_tuple(r.pins(0), r.pins(1)));
-    // Also when the query then finds nothing.
-    DebugLevel quiet(2);
-    EXPECT_EQ(Refused(SHM_REASON_LATEST, 1), r.Do({kInPlace, 200}, false));
-    EXPECT_EQ(0, r.pins(1));
-    EXPECT_EQ(0u, r.client()->dwHeld);
-}
-
-TEST(Reader, ClientUsedWithAnotherHandleIsRefusedAndKeepsItsHold) {
-    FakeRing f(4000);
-    WriteRun(f, 2, 100, 100);
-    Reader r(f, 3);
-    ASSERT_EQ(Got(0), r.Do({kInPlace | SHM_READ_FROM_OLDEST, 200}));
-    SharedMemHandle other = f.readerHandle(4);
-    Plain p = {};
-    std::string log = Logged([&] { p = QueryWith(&other, kInPlace, 200, r.clientSlot()); });
-    char expected[128];
-    snprintf(expected, sizeof expected, "[shmem] : miss use bufclient! Source %p != This %p\n",
-             static_cast<void *>(r.handle()), static_cast<void *>(&other));
-    EXPECT_EQ(1, CountOf(log, expected)) << log;
-    EXPECT_EQ(std::make_tuple(-1, SHM_REASON_MISUSE),
-              std::make_tuple(p.result, p.request.dwReason));
-    EXPECT_EQ(nullptr, p.data);
-    EXPECT_EQ(r.handle(), r.client()->ptHandle);
-    EXPECT_EQ(std::make_tuple(1u, 0), std::make_tuple(r.client()->dwHeld, r.client()->iLastIndex));
-    EXPECT_EQ(1, f.entry(0).abyAccessCount[3]);
-    EXPECT_EQ(0, f.entry(0).abyAccessCount[4] + f.entry(1).abyAccessCount[4]);
-}
-
-TEST(Reader, ZeroReferenceTickIsFilledInWithTheClockAndKept) {
-    FakeRing f(4000);
-    ASSERT_EQ(0, f.write(100, kKey, 0));  // stamped by the clock
-    const uint32_t stamped = f.entry(0).dwTimeTick;
-    SharedMemHandle reader = f.readerHandle(3);
-    SharedMemBufClient *client = nullptr;
-    Plain p = QueryWith(&reader, kInPlace, 0, &client);
-    ASSERT_EQ(0, p.result);
-    const uint32_t ref = p.request.dwRefTimeTick;
-    EXPECT_NE(0u, ref);
-    EXPECT_GE(SharedMem_DWComparator(ref, stamped, nullptr), 0);
-    EXPECT_EQ(ref - stamped, p.request.dwDelay);
-    // A record used again keeps its reference.
-    ASSERT_EQ(0, SharedMem_ReleaseReadBuffer(client));
-    EXPECT_EQ(-1, SharedMem_QueryReadBuffer(&reader, &client, &p.data, &p.size, &p.request));
-    EXPECT_EQ(ref, p.request.dwRefTimeTick);
-    SharedMem_FreeBufClient(&client);
-}
-
-// Frames 1000..2000, 100 ms apart, in entries 0..10.
-TEST(Reader, DelayOutIsTheDistanceOfTheFrameFound) {
-    DebugLevel quiet(2);
-    auto check = [](bool timeshift, uint32_t flags, uint32_t ref, uint32_t delay, int entry,
-                    uint32_t delayOut) {
-        SCOPED_TRACE(testing::Message() << timeshift << " " << ref << " " << delay);
-        FakeRing f(4000);
-        f.ring()->byTimeshift = timeshift ? 1 : 0;
-        WriteRun(f, 11, 1000, 100);
-        Reader r(f, 3);
-        EXPECT_EQ(entry, r.Do({flags, ref, delay}).entry);
-        EXPECT_EQ(delayOut, r.request().dwDelay);
-    };
-    check(true, kInPlace, 2000, 350, 6, 400);  // wanted 1650, found 1600
-    check(true, kInPlace, 2050, 0, 10, 50);
-    check(false, kInPlace, 2050, 350, 10, 50);  // no timeshift: the delay is dropped
-    check(false, kInPlace | SHM_READ_CROSSOVER, 2050, 350, 7, 350);  // ...unless crossover
-}
-
-// `other` shares r's AttachID and keeps entry 1 pinned: r dropping entry 1
-// must leave that count alone.
-TEST(Reader, FailedQueryLeavesThePinCountsAsTheyWere) {
-    FakeRing f(1000);
-    WriteFrames(f, {100, 200, 300}, {kKey, Predicted(), kKey});
+    WriteFrames(f, {100, 200, 300, 400}, {kKey, Predicted(), kKey, kKey});
     Reader r(f, 3), other(f, 3);
-    ASSERT_EQ(Got(0), other.Do({kInPlace | SHM_READ_FROM_OLDEST | SHM_READ_MARK_ONLY, 100}));
-    ASSERT_EQ(Got(1), other.Do({kInPlace, 100}));
-    ASSERT_EQ(Got(0), r.Do({kInPlace | SHM_READ_FROM_OLDEST, 100}));
-    EXPECT_EQ(Refused(SHM_REASON_NOT_MARK, 1), r.Do({kInPlace | SHM_READ_MARK_ONLY, 100}));
-    EXPECT_EQ(std::make_tuple(0, 1, 0), std::make_tuple(r.pins(0), r.pins(1), r.pins(2)));
+    ASSERT_EQ(Got(0), other.Do({kInPlace | SHM_READ_FROM_OLDEST, 400}));
+    ASSERT_EQ(Got(1), other.Do({kInPlace, 400}));
+    ASSERT_EQ(Got(0), r.Do({kInPlace | SHM_READ_FROM_OLDEST, 400}));
+    EXPECT_EQ(Refused(SHM_REASON_NOT_MARK, 1), r.Do({kInPlace | SHM_READ_MARK_ONLY, 400}, false));
+    EXPECT_EQ(Got(2), r.Do({kInPlace, 400}));
+    EXPECT_EQ(Got(3), r.Do({kInPlace, 400}, false));
+    EXPECT_EQ(std::make_tuple(0, 1, 0, 1),
+              std::make_tuple(r.pins(0), r.pins(1), r.pins(2), r.pins(3)));
+    Reader stranger(f, 4);  // borrows r's client for one query
+    *stranger.clientSlot() = r.client();
+    EXPECT_EQ(Refused(SHM_REASON_MISUSE, 3), stranger.Do({kInPlace, 400}, false));
+    *stranger.clientSlot() = nullptr;
+    EXPECT_EQ(std::make_tuple(1u, 1), std::make_tuple(r.client()->dwHeld, r.pins(3)));
+    // On the newest frame, a restart ignores the valid cursor.
+    EXPECT_EQ(Got(0), r.Do({kInPlace | SHM_READ_RESTART | SHM_READ_FROM_OLDEST, 400}));
 }
 
-TEST(Reader, AttachIdsAboveFifteenReadWithoutPins) {
-    for (int attachId : {0, 15, 16, 40}) {
-        SCOPED_TRACE(attachId);
-        const bool counted = attachId < 16;
-        FakeRing f(1000);
-        WriteRun(f, 10, 100, 100);
-        Reader r(f, attachId);
-        ASSERT_EQ(Got(0), r.Do({kInPlace | SHM_READ_FROM_OLDEST, 1000}));
-        EXPECT_EQ(1u, r.client()->dwHeld);
-        EXPECT_EQ(counted ? 1 : 0, f.entry(0).abyAccessCount[attachId & 15]);
-        EXPECT_EQ(counted, !Unpinned(f, 0));
-        EXPECT_EQ(counted ? -1 : 0, f.write(300, kKey, 1100));  // only a counted pin holds
-        EXPECT_EQ(0, r.Release());
-        EXPECT_EQ(0u, r.client()->dwHeld);
-        for (int i = 0; i < 10; ++i) EXPECT_TRUE(Unpinned(f, i)) << i;
-    }
-}
-
-// A frame the writer must not lose unread is released to it by the first
-// reader that is handed the frame, not by one that drops it.
-TEST(Reader, DeliveryClearsUnreadAndADropDoesNot) {
-    for (int attachId : {3, 16}) {
-        SCOPED_TRACE(attachId);
-        FakeRing f(1000);
-        WriteFrames(f, {100, 200}, {kKey | SHM_FRAME_UNREAD, Predicted() | SHM_FRAME_UNREAD});
-        Reader r(f, attachId);
-        ASSERT_EQ(Got(0), r.Do({kInPlace | SHM_READ_FROM_OLDEST | SHM_READ_MARK_ONLY, 200}));
-        EXPECT_EQ(Refused(SHM_REASON_NOT_MARK, 1), r.Do({kInPlace | SHM_READ_MARK_ONLY, 200}));
-        EXPECT_EQ(0u, f.entry(0).dwFlags & SHM_FRAME_UNREAD);
-        EXPECT_EQ(SHM_FRAME_UNREAD, f.entry(1).dwFlags & SHM_FRAME_UNREAD);
-        DebugLevel quiet(2);
-        EXPECT_EQ(0, f.write(800, kKey, 300));  // fills the ring
-        EXPECT_EQ(0, f.write(100, kKey, 400));  // over entry 0
-        EXPECT_EQ(-1, f.write(100, kKey, 500));  // not over entry 1
-        EXPECT_EQ(SHM_WRITE_UNREAD, f.status());
-    }
-}
-
+// A null client pointer reads with a temporary client: nobody could give
+// its pin back, so none outlives the call, as for an AttachID of 16 or
+// more, and the writer may take the frame at once. The delivery clears
+// SHM_FRAME_UNREAD all the same.
 TEST(Reader, TemporaryClientLeavesNoPinBehind) {
     FakeRing f(1000);
-    WriteRun(f, 10, 100, 100);
+    WriteFrames(f, {100, 200}, {kKey | SHM_FRAME_UNREAD, kKey});
     SharedMemHandle reader = f.readerHandle(3);
-    Plain p = QueryWith(&reader, kInPlace, 1000);
-    ASSERT_EQ(0, p.result);
-    EXPECT_EQ(f.base() + f.entry(9).dwOffset, p.data);
-    EXPECT_EQ(100u, p.size);
-    for (int i = 0; i < 10; ++i) EXPECT_TRUE(Unpinned(f, i)) << i;
-    EXPECT_EQ(0, f.write(1000, kKey, 1100));  // even over the frame just read
-    // A null request reads in place the same way.
-    ASSERT_EQ(0, SharedMem_QueryReadBuffer(&reader, nullptr, &p.data, &p.size, nullptr));
-    EXPECT_EQ(f.base() + f.entry(0).dwOffset, p.data);
+    SharedMemReadRequest request = {kInPlace | SHM_READ_FROM_OLDEST, 0, 0, 0, 0, 0, 0, 0};
+    uint8_t *data = nullptr;
+    uint32_t size = 0;
+    ASSERT_EQ(0, SharedMem_QueryReadBuffer(&reader, nullptr, &data, &size, &request));
+    EXPECT_NE(0u, request.dwRefTimeTick);  // 0 is filled in from the clock
+    EXPECT_EQ(std::make_tuple(f.base() + f.entry(0).dwOffset, 100u, 0u),
+              std::make_tuple(data, size, f.entry(0).dwFlags & SHM_FRAME_UNREAD));
     EXPECT_TRUE(Unpinned(f, 0));
-    EXPECT_EQ(-1, SharedMem_QueryReadBuffer(nullptr, nullptr, &p.data, &p.size, nullptr));
+    ASSERT_EQ(0, f.write(800, kKey, 300));  // fills the ring
+    EXPECT_EQ(0, f.write(100, kKey, 400));  // over the frame just read
+    // A null request reads the newest frame in place the same way.
+    ASSERT_EQ(0, SharedMem_QueryReadBuffer(&reader, nullptr, &data, &size, nullptr));
+    EXPECT_EQ(f.base() + f.entry(0).dwOffset, data);
+    EXPECT_TRUE(Unpinned(f, 0));
+}
+
+// Timeshift readers: the lag band, calibration and jump, no-overtake with
+// its two exceptions, and crossover.
+
+uint32_t TickOf(int k) { return 10000u + 100u * static_cast<uint32_t>(k); }
+Outcome At(int entry, uint32_t reason) { return {0, reason, entry, entry}; }
+Outcome Held(int cursor) { return {-1, SHM_REASON_WAIT, -1, cursor}; }
+
+// A timeshift ring of 64 KiB with frames 100 ms apart from tick 10000 on:
+// 21 frames of 100 bytes unless a case says otherwise, far from the writer,
+// so only the three oldest are exempt from no-overtake. `keys` has a bit
+// for every key frame among the first 32. The reader's cursor is placed on
+// `placeOn` (-1: none) without a time step. On delivery the query hands
+// back the distance of the frame found; calibration and jump leave no flag
+// of theirs behind.
+TEST(Timeshift, BandCalibrationJumpNoOvertakeAndCrossover) {
+    constexpr uint32_t kCalibrate = SHM_READ_CALIBRATE, kJump = SHM_READ_JUMP;
+    constexpr uint32_t kKeyStart = SHM_READ_KEY_START, kNoOvertake = SHM_READ_NO_OVERTAKE;
+    constexpr uint32_t kCalibrated = SHM_REASON_CALIBRATED, kJumped = SHM_REASON_JUMPED;
+    constexpr uint32_t kCrossover = SHM_READ_CROSSOVER, kFifth = 0x108421;  // keys 0, 5, .., 20
+    DebugLevel quiet(2);
+    struct Case {
+        uint32_t keys;
+        int placeOn;
+        uint32_t flags, ref, delay;
+        Outcome expect;
+        uint32_t delayOut, frameBytes = 100;
+        int frames = 21;
+    } cases[] = {
+        // The candidate is entry 10 (11000): with a delay of 100 a lag of
+        // 900 ms is still in the band.
+        {kFifth, 9, kCalibrate, 11900, 100, Got(10), 900},
+        {kFifth, 9, kCalibrate, 11901, 100, At(18, kCalibrated), 101},  // newest 11801
+        // The candidate is entry 3 (10300), 1700 ms behind: calibration
+        // looks back from the newest frame for 11900, a jump forward from
+        // entry 3 for the last key frame before it.
+        {kFifth, 2, kJump, 12000, 100, At(15, kJumped), 500},
+        {kFifth, 2, kCalibrate | kJump, 12000, 100, At(19, kCalibrated), 100},  // then close
+        // No key frame after 15: the calibration fails, the jump moves.
+        {0x8421, 2, kCalibrate | kJump | kKeyStart, 12000, 100, At(15, kJumped), 500},
+        // A jump lands only on a key frame after the candidate (0 and 3 here).
+        {0x9, 2, kJump | kKeyStart, 12000, 100, Got(3), 1700},
+        // No-overtake holds back a frame younger than the delay.
+        {kFifth, 8, kNoOvertake, 11900, 1000, Got(9), 1000},
+        {kFifth, 8, kNoOvertake, 11899, 1000, Held(8), 0},
+        {kFifth, 10, kNoOvertake, 11000, 0, Held(10), 0},
+        {kFifth, 10, kCrossover, 11000, 0, At(11, SHM_REASON_CROSSOVER), 100},
+        {kFifth, 10, kCrossover | kNoOvertake, 11000, 0, Held(10), 0},
+        // A first query's search stops on entry 3, too young: it stays one.
+        {kFifth, -1, kNoOvertake, 11050, 1000, Held(-1), 0},
+        // The three oldest frames are let through.
+        {kFifth, 1, kNoOvertake, 9000, 0, Got(2), 1200},
+        {kFifth, 2, kNoOvertake, 9000, 0, Held(2), 0},
+        // Frames of 1000 bytes: 65 fit, 65..69 start a new lap in entries
+        // 0..4, and the oldest, entry 5, is right ahead of the writer.
+        // Entry 8 lies 3000 bytes ahead of it, inside the 3072-byte margin;
+        // entry 9 4000 bytes ahead.
+        {kFifth, 7, kNoOvertake, 10850, 1000, Got(8), 50, 1000, 70},
+        {kFifth, 8, kNoOvertake, 10850, 1000, Held(8), 0, 1000, 70},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << "entry " << c.placeOn << " flags 0x" << std::hex
+                                        << c.flags << std::dec << " ref " << c.ref);
+        FakeRing f(64 * 1024);
+        f.ring()->byTimeshift = 1;
+        for (int k = 0; k < c.frames; ++k) {
+            const bool key = k < 32 && ((c.keys >> k) & 1) != 0;
+            ASSERT_EQ(0, f.write(c.frameBytes, key ? kKey : Predicted(), TickOf(k)));
+        }
+        Reader r(f, 3);
+        if (c.placeOn >= 0) {  // placed entry by entry, without a time step
+            ASSERT_EQ(0, r.Query({kInPlace | SHM_READ_FROM_OLDEST, TickOf(0)}));
+            while (r.client()->iLastIndex < c.placeOn) ASSERT_EQ(0, r.Query({kInPlace, TickOf(0)}));
+        }
+        // A reader held back keeps polling on the same frame, unpinned.
+        for (int poll = 0; poll < (c.expect.result == 0 ? 1 : 2); ++poll) {
+            EXPECT_EQ(c.expect, r.Do({kInPlace | c.flags, c.ref, c.delay}));
+            if (c.expect.result == 0) {
+                EXPECT_EQ(c.delayOut, r.request().dwDelay);
+            }
+            EXPECT_EQ(kInPlace | c.flags, r.request().dwReadFlags);
+        }
+        EXPECT_TRUE(c.expect.result == 0 || Unpinned(f, c.placeOn + 1));
+    }
+}
+
+// Adaptive readers: thinned until a tick published in the stamp file opens
+// a window, judged by the frames' ticks.
+
+constexpr uint32_t kMarkOutside = SHM_READ_ADAPTIVE_MARK_ONLY;
+
+// A ring whose second tag names a fresh stamp file, and a reader on it.
+struct Bench {
+    FakeRing f;
+    StampFile stamp;
+    Reader r;
+    explicit Bench(uint32_t bytes) : f(bytes), stamp(f), r(f, 3) {}
+};
+
+// Reads entry by entry from the oldest, `n` queries; before query i,
+// `before(i)` may publish a tick. Returns per query the reason (0:
+// delivered) plus 100 when the window was active; checks the cursor.
+V AdaptiveWalk(
+    Reader &r, Reader::Ask ask, int n, const std::function<void(int)> &before = [](int) {}) {
+    V steps;
+    for (int i = 0; i < n; ++i) {
+        before(i);
+        Reader::Ask a = ask;
+        if (i == 0) a.flags |= SHM_READ_FROM_OLDEST;
+        const int result = r.Query(a);
+        EXPECT_EQ(i, r.client()->iLastIndex);
+        steps.push_back((result == 0 ? 0u : r.reason()) + 100 * r.client()->dwAdaptiveActive);
+    }
+    return steps;
+}
+
+// Frames 0..39 at 10000..13900, a key frame every fifth. A tick of 11200
+// with a window of 1000 ms is published before the reader takes entry 10:
+// entries 10..21 lie before the end (12200), 10 and 11 even before the
+// tick. At entry 15 a later tick (12000) moves the end to 13000.
+TEST(Adaptive, WindowOpensAndClosesByTheFramesTicks) {
+    Bench b(8000);
+    WriteRun(b.f, 40, 10000, 100, 5);
+    DebugLevel quiet(2);
+    const V steps = AdaptiveWalk(b.r, {kInPlace | kMarkOutside, 10000, 0, 0, 1000}, 40, [&](int i) {
+        if (i == 10) b.stamp.Publish(11200);
+        if (i == 15) b.stamp.Publish(12000);
+    });
+    for (int i = 0; i < 40; ++i) {
+        EXPECT_EQ(i >= 10 && i < 30 ? 100u : i % 5 == 0 ? 0u : SHM_REASON_NOT_MARK, steps[i]) << i;
+    }
+    EXPECT_EQ(12000u, b.stamp.Read());  // a window that ended lately is not cleared
+}
+
+// One predicted frame per case, read by a new client: inside the window it
+// comes through, outside it is thinned away; a tick more than 120000 ms
+// past its window's end is cleared.
+TEST(Adaptive, WindowIsJudgedByItsEndAloneAndAStaleTickIsCleared) {
+    DebugLevel quiet(2);
+    auto check = [](uint32_t window, uint32_t tick, uint32_t frame, bool inside,
+                    bool cleared = false) {
+        SCOPED_TRACE(testing::Message() << window << " " << tick << " " << frame);
+        Bench b(4000);
+        b.stamp.Publish(tick);
+        WriteFrames(b.f, {frame}, {Predicted()});
+        EXPECT_EQ(V{inside ? 100u : SHM_REASON_NOT_MARK},
+                  AdaptiveWalk(b.r, {kInPlace | kMarkOutside, frame, 0, 0, window}, 1));
+        EXPECT_EQ(cleared ? 0u : tick, b.stamp.Read());
+    };
+    check(0, 11000, 20999, true);  // no window given: 10000 ms
+    check(1000, 11000, 11999, true);
+    check(1000, 11000, 12000, false);
+    check(1000, 11000, 5000, true);         // long before the tick: still before the end
+    check(1000, 0xFFFFFF00u, 0x2E7, true);  // the end wraps past 0
+    check(1000, 0, 20999, false);           // no tick published
+    check(1000, 1000, 122000, false);       // 120000 ms past the end: kept
+    check(1000, 1000, 122001, false, true);
+}
+
+// Frames 0..19 at 10000..11900, key frames every fifth. Thinned to key
+// frames, the reader got 0 and 5 and dropped 6..8; the window opens before
+// it takes entry 9, and it goes back to entry 6. A reader that never had a
+// frame has nothing to go back to: its first query in the window fails,
+// the next places it.
+TEST(Adaptive, KeyStartRecoversWhatTheThinningSkipped) {
+    Bench b(4000);
+    WriteRun(b.f, 20, 10000, 100, 5);
+    DebugLevel quiet(2);
+    const Reader::Ask ask = {kInPlace | kMarkOutside | SHM_READ_KEY_START, 10000, 0, 0, 100000};
+    AdaptiveWalk(b.r, ask, 9);
+    ASSERT_EQ(5, b.r.client()->iDeliveredIndex);
+    b.stamp.Publish(10000);
+    for (int i = 6; i < 20; ++i) EXPECT_EQ(Got(i), b.r.Do(ask));
+    Reader late(b.f, 4);
+    EXPECT_EQ(Refused(SHM_REASON_FAILED, -1), late.Do({ask.flags, 11500, 0, 0, ask.window}));
+    EXPECT_EQ(Got(15), late.Do({ask.flags, 11500, 0, 0, ask.window}));
+}
+
+// With a layer asked for, outside the window predicted frames below it are
+// dropped (reason 12) and the layer replaces the mark-only thinning. The
+// window opens before entry 4. When it opens after a predicted frame was
+// delivered, predicted frames wait for layer 5 first; after a key frame
+// nothing waits.
+TEST(Adaptive, LayerWaitAfterAWindowOpensOnAPredictedFrame) {
+    DebugLevel quiet(2);
+    auto check = [](const V &flags, const V &reasons) {
+        Bench b(4000);
+        WriteFrames(b.f, Ticks(static_cast<int>(flags.size()), 10000, 100), flags);
+        const Reader::Ask ask = {kInPlace | kMarkOutside | WantLayer(2), 10000, 0, 0, 100000};
+        EXPECT_EQ(reasons, AdaptiveWalk(b.r, ask, static_cast<int>(flags.size()), [&](int i) {
+                      if (i == 4) b.stamp.Publish(10000);
+                  }));
+    };
+    check({kKey, Predicted(0), Predicted(2), Predicted(0), Predicted(0), kKey, Predicted(0),
+           Predicted(6), Predicted(5), Predicted(0), Predicted(2)},
+          {0, 12, 0, 12, 112, 100, 112, 100, 100, 100, 100});
+    check({kKey, Predicted(0), Predicted(1), kKey, Predicted(0), Predicted(1), Predicted(5)},
+          {0, 12, 12, 0, 100, 100, 100});
+}
+
+// A stamp file that cannot be made reads as no tick, query after query.
+TEST(Adaptive, StampFileThatCannotBeMadeLeavesTheThinning) {
+    FakeRing f(4000);
+    strcpy(f.ring()->szSecondTag, "/tmp/no-such-dir/stamp");
+    WriteRun(f, 3, 10000, 100, 5);
+    Reader r(f, 3);
+    DebugLevel quiet(2);
+    EXPECT_EQ((V{0, 11, 11}), AdaptiveWalk(r, {kInPlace | kMarkOutside, 10000}, 3));
+    EXPECT_EQ(nullptr, r.handle()->pdwAdaptiveStamp);
 }
 
 }  // namespace
