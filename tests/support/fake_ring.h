@@ -83,6 +83,8 @@ class DebugLevel {
 public:
     explicit DebugLevel(uint32_t level) : saved_(gShm_DebugLevel) { gShm_DebugLevel = level; }
     ~DebugLevel() { gShm_DebugLevel = saved_; }
+    DebugLevel(const DebugLevel &) = delete;
+    DebugLevel &operator=(const DebugLevel &) = delete;
 
 private:
     uint32_t saved_;

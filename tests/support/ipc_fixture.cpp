@@ -43,6 +43,12 @@ SharedMemCacheHeader *IpcTest::Cache(SharedMemBlockInfo *info, int index) {
     return reinterpret_cast<SharedMemCacheHeader *>(Ring(info, index));
 }
 
+namespace {
+
+bool KeyIsFree(key_t key) { return shmget(key, 0, 0) == -1 && semget(key, 0, 0) == -1; }
+
+}  // namespace
+
 void IpcTest::TearDown() {
     for (SharedMemBlockInfo *&info : attached_) SharedMemBlock_Detach(&info);
     for (key_t key : keys_) {
@@ -53,8 +59,6 @@ void IpcTest::TearDown() {
         EXPECT_TRUE(KeyIsFree(key)) << "IPC object left under key " << key;
     }
 }
-
-bool KeyIsFree(key_t key) { return shmget(key, 0, 0) == -1 && semget(key, 0, 0) == -1; }
 
 int RunInChild(int (*fn)(void *), void *arg) {
     fflush(stdout);

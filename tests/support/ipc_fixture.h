@@ -32,9 +32,6 @@ private:
     std::vector<SharedMemBlockInfo *> attached_;
 };
 
-// True when no segment or semaphore set exists under the key.
-bool KeyIsFree(key_t key);
-
 // Runs fn in a forked child and returns its exit status (or -1).
 int RunInChild(int (*fn)(void *), void *arg);
 

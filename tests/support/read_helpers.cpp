@@ -10,12 +10,6 @@
 
 namespace readtest {
 
-int CountOf(const std::string &text, const std::string &what) {
-    int n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-    return n;
-}
-
 std::ostream &operator<<(std::ostream &os, const Outcome &o) {
     return os << "{result " << o.result << ", reason " << o.reason << ", entry " << o.entry
               << ", cursor " << o.cursor << "}";
@@ -125,7 +119,5 @@ uint32_t StampFile::Read() const {
     close(fd);
     return tick;
 }
-
-bool StampFile::Exists() const { return access(path_.c_str(), F_OK) == 0; }
 
 }  // namespace readtest

@@ -23,27 +23,6 @@ inline uint32_t Predicted(uint32_t layer = 0) { return SHM_FRAME_P | (layer << 3
 // The lowest-layer field of a read request.
 inline uint32_t WantLayer(uint32_t layer) { return layer << 14; }
 
-// Sets gShm_DebugLevel for a scope.
-class DebugLevel {
-public:
-    explicit DebugLevel(uint32_t level) : saved_(gShm_DebugLevel) { gShm_DebugLevel = level; }
-    ~DebugLevel() { gShm_DebugLevel = saved_; }
-    DebugLevel(const DebugLevel &) = delete;
-    DebugLevel &operator=(const DebugLevel &) = delete;
-
-private:
-    uint32_t saved_;
-};
-
-// What `run` prints on stdout.
-template <typename Run>
-std::string Logged(Run run) {
-    testing::internal::CaptureStdout();
-    run();
-    return testing::internal::GetCapturedStdout();
-}
-int CountOf(const std::string &text, const std::string &what);
-
 // Publishes frames of `size` bytes with the given ticks and flags; fails
 // the calling test if the writer refuses one.
 void WriteFrames(FakeRing &ring, const std::vector<uint32_t> &ticks,
@@ -127,7 +106,6 @@ public:
     ~StampFile();
     void Publish(uint32_t tick);  // creates the file if needed
     uint32_t Read() const;        // 0xFFFFFFFF when the file is missing
-    bool Exists() const;
 
 private:
     std::string path_;
