@@ -28,17 +28,55 @@ void SetStatus(uint32_t *status, uint32_t value) {
     if (status != nullptr) *status = value;
 }
 
+// What a walk over the entries in the writer's way found worth telling.
+// The walk runs under the sector lock; the telling waits until the lock is
+// given back, so that a line on a slow console or a blocked syslog never
+// holds up the readers of the ring.
+struct WalkNote {
+    enum Kind { kNothing, kPinned, kStaleUnread, kStalePinned, kRewindPinned, kRewindUnread };
+    Kind kind = kNothing;
+    int index = 0;
+    int write = 0;
+    int oldest = 0;
+    int boundary = 0;
+
+    void Tell() const {
+        switch (kind) {
+        case kNothing:
+            break;
+        case kPinned:
+            SHM_LOG(shm::kLevelConflict, "frame %d occupied by somebody!\n", index);
+            break;
+        case kStaleUnread:
+            SHM_LOG(shm::kLevelConflict, "unknown frame %d UNREAD!\n", index);
+            break;
+        case kStalePinned:
+            shm::LogError("unknown frame %d OCCUPIED!\n", index);
+            break;
+        case kRewindPinned:
+            SHM_LOG(shm::kLevelConflict, "frame %d occupied, rewind fail. %d-%d-%d\n", index,
+                    write, oldest, boundary);
+            break;
+        case kRewindUnread:
+            SHM_LOG(shm::kLevelConflict, "frame %d unread, rewind fail. %d-%d-%d\n", index, write,
+                    oldest, boundary);
+            break;
+        }
+    }
+};
+
 // Entries from W on, while they lie before the end E of the coming write
 // (forms just rewound and two generations). Entry W itself is always
 // taken, even when its bytes are out of reach: its entry is reused.
-int ClaimOldFrames(SharedMemSectorHeader *ring, int write, uint32_t end, uint32_t *status) {
+int ClaimOldFrames(SharedMemSectorHeader *ring, int write, uint32_t end, uint32_t *status,
+                   WalkNote *note) {
     int boundary = ring->iBoundaryIndex;
     if (boundary > shm::MaxIndex(ring)) boundary = shm::MaxIndex(ring);
     for (int i = write; i <= boundary; ++i) {
         SharedMemFrameEntry &entry = ring->atFrame[i];
         if (i != write && entry.dwOffset >= end) return 0;
         if (shm::HasPins(entry.abyAccessCount)) {
-            SHM_LOG(shm::kLevelConflict, "frame %d occupied by somebody!\n", i);
+            *note = {WalkNote::kPinned, i};
             SetStatus(status, SHM_WRITE_OCCUPIED);
             return -1;
         }
@@ -53,14 +91,14 @@ int ClaimOldFrames(SharedMemSectorHeader *ring, int write, uint32_t end, uint32_
 
 // Entry W in forms empty and one generation: stale, belonging to nobody.
 // Pins left on it are wiped; an unread mark still stops the writer.
-int ClaimStaleEntry(SharedMemFrameEntry &entry, int index, uint32_t *status) {
+int ClaimStaleEntry(SharedMemFrameEntry &entry, int index, uint32_t *status, WalkNote *note) {
     if (entry.dwFlags & SHM_FRAME_UNREAD) {
-        SHM_LOG(shm::kLevelConflict, "unknown frame %d UNREAD!\n", index);
+        *note = {WalkNote::kStaleUnread, index};
         SetStatus(status, SHM_WRITE_UNREAD);
         return -1;
     }
     if (shm::HasPins(entry.abyAccessCount)) {
-        shm::LogError("unknown frame %d OCCUPIED!\n", index);
+        *note = {WalkNote::kStalePinned, index};
         memset(entry.abyAccessCount, 0, sizeof entry.abyAccessCount);
     }
     return 0;
@@ -68,7 +106,7 @@ int ClaimStaleEntry(SharedMemFrameEntry &entry, int index, uint32_t *status) {
 
 // The rewind gives up the older generation, W..B, all at once; every one of
 // its frames must be free. Marks what passes. Takes no lock itself.
-int ClaimOlderGeneration(SharedMemSectorHeader *ring, uint32_t *status) {
+int ClaimOlderGeneration(SharedMemSectorHeader *ring, uint32_t *status, WalkNote *note) {
     int write = ring->iWriteIndex;
     int oldest = ring->iOldestIndex;
     int boundary = ring->iBoundaryIndex;
@@ -76,14 +114,12 @@ int ClaimOlderGeneration(SharedMemSectorHeader *ring, uint32_t *status) {
     for (int i = write < 0 ? 0 : write; i <= last; ++i) {
         SharedMemFrameEntry &entry = ring->atFrame[i];
         if (shm::HasPins(entry.abyAccessCount)) {
-            SHM_LOG(shm::kLevelConflict, "frame %d occupied, rewind fail. %d-%d-%d\n", i, write,
-                    oldest, boundary);
+            *note = {WalkNote::kRewindPinned, i, write, oldest, boundary};
             SetStatus(status, SHM_WRITE_OCCUPIED);
             return -1;
         }
         if (entry.dwFlags & SHM_FRAME_UNREAD) {
-            SHM_LOG(shm::kLevelConflict, "frame %d unread, rewind fail. %d-%d-%d\n", i, write,
-                    oldest, boundary);
+            *note = {WalkNote::kRewindUnread, i, write, oldest, boundary};
             SetStatus(status, SHM_WRITE_UNREAD);
             return -1;
         }
@@ -115,6 +151,30 @@ int OldestAfterWrite(const SharedMemSectorHeader *ring, int write, uint32_t newE
     return i > boundary ? 0 : i;
 }
 
+// The entries in the way of a frame from the write offset to `end`.
+int ClaimPlace(SharedMemSectorHeader *ring, uint32_t end, uint32_t *status, WalkNote *note) {
+    int write = ring->iWriteIndex;
+    // An index outside the table has no entry to test and no place to give.
+    if (write < 0 || write > shm::MaxIndex(ring)) return -1;
+    if (write <= ring->iOldestIndex) return ClaimOldFrames(ring, write, end, status, note);
+    return ClaimStaleEntry(ring->atFrame[write], write, status, note);
+}
+
+// The automatic cycle's claim, under the lock: a frame of `rounded` bytes
+// that does not fit before the end of the area, or finds the entry table
+// used up, rewinds first. On 0, *offset is where the frame goes.
+int ClaimWithRewind(SharedMemSectorHeader *ring, uint32_t rounded, uint32_t *status,
+                    WalkNote *note, uint32_t *offset) {
+    bool fits = rounded <= shm::RoomFrom(ring, ring->dwWriteOffset) &&
+                ring->iWriteIndex <= shm::MaxIndex(ring);
+    if (!fits) {
+        if (ClaimOlderGeneration(ring, status, note) != 0) return -1;
+        Rewind(ring);
+    }
+    *offset = ring->dwWriteOffset;
+    return ClaimPlace(ring, *offset + rounded, status, note);
+}
+
 uint32_t DurationOf(const SharedMemSectorHeader *ring, int oldest, int latest) {
     uint32_t distance = 0;
     SharedMem_DWComparator(ring->atFrame[oldest].dwTimeTick, ring->atFrame[latest].dwTimeTick,
@@ -133,13 +193,10 @@ extern "C" {
 MOLK_API int SharedMem_CheckFrameOccupied(SharedMemSectorHeader *ptHeader, uint32_t dwEndOffset,
                                           uint32_t *pdwStatus) {
     if (ptHeader == nullptr) return -1;
-    int write = ptHeader->iWriteIndex;
-    // An index outside the table has no entry to test and no place to give.
-    if (write < 0 || write > shm::MaxIndex(ptHeader)) return -1;
-    if (write <= ptHeader->iOldestIndex) {
-        return ClaimOldFrames(ptHeader, write, dwEndOffset, pdwStatus);
-    }
-    return ClaimStaleEntry(ptHeader->atFrame[write], write, pdwStatus);
+    WalkNote note;
+    int result = ClaimPlace(ptHeader, dwEndOffset, pdwStatus, &note);
+    note.Tell();
+    return result;
 }
 
 MOLK_API int SharedMem_QueryWriteBuffer(SharedMemHandle *ptHandle, uint8_t **ppbyBuffer,
@@ -153,9 +210,15 @@ MOLK_API int SharedMem_QueryWriteBuffer(SharedMemHandle *ptHandle, uint8_t **ppb
     *pdwSize = granted;
     if (granted == 0 || ring->iWriteIndex > shm::MaxIndex(ring)) return -1;
 
-    shm::SectorLock lock(ptHandle->iSemId, ptHandle->iSectorIndex);
-    if (!lock.held()) return -1;
-    int result = SharedMem_CheckFrameOccupied(ring, writeOffset + granted, &ptHandle->dwWriteStatus);
+    WalkNote note;
+    int result = -1;
+    {
+        shm::SectorLock lock(ptHandle->iSemId, ptHandle->iSectorIndex);
+        if (lock.held()) {
+            result = ClaimPlace(ring, writeOffset + granted, &ptHandle->dwWriteStatus, &note);
+        }
+    }
+    note.Tell();
     if (result == 0) *ppbyBuffer = shm::AtOffset(ptHandle->pvBase, writeOffset);
     return result;
 }
@@ -174,18 +237,18 @@ MOLK_API int SharedMem_QueryAutoRewindWriteBuffer(SharedMemHandle *ptHandle, uin
         return -1;
     }
 
-    shm::SectorLock lock(ptHandle->iSemId, ptHandle->iSectorIndex);
-    if (!lock.held()) return -1;
-    bool fits = rounded <= shm::RoomFrom(ring, ring->dwWriteOffset) &&
-                ring->iWriteIndex <= shm::MaxIndex(ring);
-    if (!fits) {
-        if (ClaimOlderGeneration(ring, &ptHandle->dwWriteStatus) != 0) return -1;
-        Rewind(ring);
+    WalkNote note;
+    uint32_t offset = 0;
+    int result = -1;
+    {
+        shm::SectorLock lock(ptHandle->iSemId, ptHandle->iSectorIndex);
+        if (lock.held()) {
+            result = ClaimWithRewind(ring, static_cast<uint32_t>(rounded), &ptHandle->dwWriteStatus,
+                                     &note, &offset);
+        }
     }
-    uint32_t writeOffset = ring->dwWriteOffset;
-    int result = SharedMem_CheckFrameOccupied(ring, writeOffset + static_cast<uint32_t>(rounded),
-                                              &ptHandle->dwWriteStatus);
-    if (result == 0) *ppbyBuffer = shm::AtOffset(ptHandle->pvBase, writeOffset);
+    note.Tell();
+    if (result == 0) *ppbyBuffer = shm::AtOffset(ptHandle->pvBase, offset);
     return result;
 }
 
@@ -194,7 +257,10 @@ MOLK_API int SharedMem_PrepareRewindWriteBuffer(SharedMemSectorHeader *ptHeader,
     if (ptHeader == nullptr) return -1;
     SetStatus(pdwStatus, 0);
     if (ptHeader->iWriteIndex > ptHeader->iBoundaryIndex) return 0;
-    return ClaimOlderGeneration(ptHeader, pdwStatus);
+    WalkNote note;
+    int result = ClaimOlderGeneration(ptHeader, pdwStatus, &note);
+    note.Tell();
+    return result;
 }
 
 MOLK_API int SharedMem_RewindWriteBuffer(SharedMemHandle *ptHandle) {

@@ -2,9 +2,12 @@
 // randomized model test covers forms, overlaps, protection and refusals in
 // general; these are the worked cases, the edges and the messages.
 #include <gtest/gtest.h>
+#include <sys/sem.h>
 
+#include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "fake_ring.h"
 #include "sharedmem.h"
@@ -12,6 +15,36 @@
 namespace {
 
 bool Marked(const SharedMemFrameEntry &e) { return (e.dwFlags & SHM_FRAME_WRITING) != 0; }
+
+// What `fn` prints on stdout, and for each piece of it the value the ring's
+// lock had at that moment (1: free). A line on a slow console must not
+// hold the lock.
+struct Printed {
+    int semId;
+    std::string text;
+    std::vector<int> lock;
+};
+
+template <typename Fn>
+Printed PrintedWhile(int semId, Fn fn) {
+    Printed out = {semId, "", {}};
+    cookie_io_functions_t io = {};
+    io.write = [](void *cookie, const char *data, size_t size) -> ssize_t {
+        Printed *p = static_cast<Printed *>(cookie);
+        p->text.append(data, size);
+        p->lock.push_back(semctl(p->semId, 0, GETVAL));
+        return static_cast<ssize_t>(size);
+    };
+    FILE *probe = fopencookie(&out, "w", io);
+    setvbuf(probe, nullptr, _IONBF, 0);
+    fflush(stdout);
+    FILE *saved = stdout;
+    stdout = probe;
+    fn();
+    stdout = saved;
+    fclose(probe);
+    return out;
+}
 
 // One ring of 1000 bytes from empty through every form, offsets from the
 // start s of the data area. Three frames make one generation; the fourth
@@ -46,8 +79,8 @@ TEST(RingWriter, LapByLapIndicesAndPlaces) {
 
 // A refused query leaves every index where it was, and the marks it set on
 // the way (entries before the one in the way) stay. Refusals over a pin,
-// at a rewind and on a stale entry are logged, one over an old unread frame
-// is not. Each case: the frames before, the entry in the way by a pin or by
+// at a rewind and on a stale entry are logged once the lock is given back,
+// one over an old unread frame is not. Each case: the frames before, the entry in the way by a pin or by
 // SHM_FRAME_UNREAD, the frame refused, its status, the marks left (bit i
 // for entry i) and the log.
 TEST(RingWriter, RefusalsKeepIndicesAndMarksAndSayWhy) {
@@ -70,8 +103,9 @@ TEST(RingWriter, RefusalsKeepIndicesAndMarksAndSayWhy) {
         if (c.pinned >= 0) f.entry(c.pinned).abyAccessCount[7] = 1;
         if (c.unread >= 0) f.entry(c.unread).dwFlags |= SHM_FRAME_UNREAD;
         RingIndices before = f.indices();
-        std::string out = Stdout([&] { EXPECT_EQ(-1, f.write(c.size)); });
-        EXPECT_TRUE(*c.log ? out.find(c.log) != out.npos : out.empty()) << out;
+        Printed out = PrintedWhile(f.semId(), [&] { EXPECT_EQ(-1, f.write(c.size)); });
+        EXPECT_TRUE(*c.log ? out.text.find(c.log) != out.text.npos : out.text.empty()) << out.text;
+        EXPECT_EQ(std::vector<int>(out.lock.size(), 1), out.lock) << "told under the lock";
         EXPECT_EQ(c.status, f.status()) << c.log;
         EXPECT_EQ(before, f.indices()) << c.log;
         for (int i = 0; i < 8; ++i) EXPECT_EQ(((c.marks >> i) & 1) != 0, Marked(f.entry(i))) << i;
