@@ -16,11 +16,43 @@
 
 namespace {
 
+// What the validity test of a client saw. The test and the telling are
+// apart so that a release, which tests under the sector lock, tells after
+// giving the lock back.
+struct Validity {
+    int result = -1;
+    bool failed = false;  // the client's entry moved on: a verdict to tell
+    int latest = 0;
+    int oldest = 0;
+    int boundary = 0;
+    int index = 0;
+    uint32_t tick = 0;
+};
+
+// A release may give back the pin of a frame that is no longer live as
+// long as its entry still carries it.
+Validity Judge(const SharedMemSectorHeader *ring, const SharedMemBufClient *client, bool release) {
+    Validity v;
+    v.index = client->iLastIndex;
+    if (static_cast<uint32_t>(v.index) > static_cast<uint32_t>(shm::MaxIndex(ring))) return v;
+    v.tick = shm::LoadWord(ring->atFrame[v.index].dwTimeTick);
+    if (v.tick == 0) return v;  // the ring has been reset under the client
+
+    v.latest = shm::LoadIndex(ring->iLatestIndex);
+    v.oldest = shm::LoadIndex(ring->iOldestIndex);
+    v.boundary = shm::LoadIndex(ring->iBoundaryIndex);
+    bool same = v.tick == client->dwLastTimeTick;
+    v.failed = !(same && shm::IsLive(v.index, v.latest, v.oldest, v.boundary));
+    v.result = same && (release || !v.failed) ? 0 : -1;
+    return v;
+}
+
 // A release complaint is a warning (priority 4, also to syslog); a failed
 // query is everyday flow, since the client is simply placed anew
 // (priority 6, never to syslog). The priority doubles as the debug level.
-void ReportInvalid(const SharedMemSectorHeader *ring, const SharedMemBufClient *client,
-                   const char *purpose, int latest, int oldest, int boundary, uint32_t tick) {
+void TellInvalid(const SharedMemSectorHeader *ring, const SharedMemBufClient *client,
+                 const char *purpose, const Validity &v) {
+    if (!v.failed) return;
     int priority = purpose[0] == 'r' ? LOG_WARNING : LOG_INFO;
     bool print = shm::LevelAtLeast(static_cast<uint32_t>(priority));
     bool toSyslog = priority <= LOG_WARNING;
@@ -28,14 +60,18 @@ void ReportInvalid(const SharedMemSectorHeader *ring, const SharedMemBufClient *
     int attachId = client->ptHandle != nullptr ? client->ptHandle->iAttachId : -1;
     if (print) {
         shm::LogPrint("%.35s[%d] %s validity check fail, L:%d O:%d B:%d La:%d, %u:%u\n",
-                      ring->szTag, attachId, purpose, latest, oldest, boundary,
-                      client->iLastIndex, tick, client->dwLastTimeTick);
+                      ring->szTag, attachId, purpose, v.latest, v.oldest, v.boundary, v.index,
+                      v.tick, client->dwLastTimeTick);
     }
     if (toSyslog) {
         syslog(priority, "%.35s[%d] %s validity check fail, L:%d O:%d B:%d La:%d, %u:%u\n",
-               ring->szTag, attachId, purpose, latest, oldest, boundary, client->iLastIndex, tick,
+               ring->szTag, attachId, purpose, v.latest, v.oldest, v.boundary, v.index, v.tick,
                client->dwLastTimeTick);
     }
+}
+
+void TellUnoccupied(bool lowered) {
+    if (!lowered) SHM_LOG(shm::kLevelConflict, "release unoccupied buffer?");
 }
 
 // Lowers the pin of a ring hold, under the ring's lock. A client whose
@@ -44,26 +80,41 @@ void ReportInvalid(const SharedMemSectorHeader *ring, const SharedMemBufClient *
 void DropRingHold(SharedMemBufClient *client) {
     SharedMemHandle *handle = client->ptHandle;
     SharedMemSectorHeader *ring = handle->ptHeader;
-    // A lock that cannot be taken has been logged; the count is still
-    // brought right, since the pin would otherwise never go away.
-    shm::SectorLock lock(handle->iSemId, handle->iSectorIndex);
-    if (ring == nullptr || SharedMem_CheckClientValid(ring, client, "release") != 0) {
+    if (ring == nullptr) {
         client->iLastIndex = -1;
         return;
     }
-    int index = client->iLastIndex;
-    shm::LowerPin(ring->atFrame[index].abyAccessCount, index, handle->iAttachId);
+    Validity v;
+    bool lowered = true;
+    {
+        // A lock that cannot be taken has been logged; the count is still
+        // brought right, since the pin would otherwise never go away.
+        shm::SectorLock lock(handle->iSemId, handle->iSectorIndex);
+        v = Judge(ring, client, true);
+        if (v.result == 0) {
+            lowered = shm::LowerPin(ring->atFrame[v.index].abyAccessCount, v.index,
+                                    handle->iAttachId);
+        }
+    }
+    TellInvalid(ring, client, "release", v);
+    TellUnoccupied(lowered);
+    if (v.result != 0) client->iLastIndex = -1;
 }
 
 // Lowers the pin of a copy held in the handle's cache sector, under that
 // sector's lock. Cache slots carry no cursor proof: no validity test.
 void DropCacheHold(SharedMemBufClient *client) {
     SharedMemHandle *handle = client->ptHandle;
-    shm::SectorLock lock(handle->iSemId, handle->iCacheIndex);
     SharedMemCacheHeader *cache = handle->ptCacheHeader;
     int slot = client->iCacheSlot;
-    if (cache == nullptr || slot < 0 || slot >= shm::kCacheEntries) return;
-    shm::LowerPin(cache->atCache[slot].abyAccessCount, slot, handle->iAttachId);
+    bool lowered = true;
+    {
+        shm::SectorLock lock(handle->iSemId, handle->iCacheIndex);
+        if (cache != nullptr && slot >= 0 && slot < shm::kCacheEntries) {
+            lowered = shm::LowerPin(cache->atCache[slot].abyAccessCount, slot, handle->iAttachId);
+        }
+    }
+    TellUnoccupied(lowered);
 }
 
 void DropHold(SharedMemBufClient *client) {
@@ -95,20 +146,9 @@ MOLK_API int SharedMem_CheckClientValid(SharedMemSectorHeader *ptHeader,
                                         SharedMemBufClient *ptClient, const char *szPurpose) {
     if (ptHeader == nullptr || ptClient == nullptr) return -1;
     const char *purpose = szPurpose != nullptr ? szPurpose : "query";
-    int index = ptClient->iLastIndex;
-    if (static_cast<uint32_t>(index) > static_cast<uint32_t>(shm::MaxIndex(ptHeader))) return -1;
-    uint32_t tick = shm::LoadWord(ptHeader->atFrame[index].dwTimeTick);
-    if (tick == 0) return -1;  // the ring has been reset under the client
-
-    int latest = shm::LoadIndex(ptHeader->iLatestIndex);
-    int oldest = shm::LoadIndex(ptHeader->iOldestIndex);
-    int boundary = shm::LoadIndex(ptHeader->iBoundaryIndex);
-    bool same = tick == ptClient->dwLastTimeTick;
-    bool live = shm::IsLive(index, latest, oldest, boundary);
-    if (same && live) return 0;
-    ReportInvalid(ptHeader, ptClient, purpose, latest, oldest, boundary, tick);
-    bool release = purpose[0] == 'r';
-    return release && same ? 0 : -1;
+    Validity v = Judge(ptHeader, ptClient, purpose[0] == 'r');
+    TellInvalid(ptHeader, ptClient, purpose, v);
+    return v.result;
 }
 
 MOLK_API int SharedMem_ReleaseReadBuffer(SharedMemBufClient *ptClient) {

@@ -102,16 +102,14 @@ inline void RaisePin(uint8_t (&counts)[16], int index, int attachId) {
     SHM_TRACE(kTracePins, "\trequest %d, AttachID %d count to %d\n", index, attachId, now);
 }
 
-// Lowers it again; a counter at 0 is reported, never wrapped. Sector lock
-// held.
-inline void LowerPin(uint8_t (&counts)[16], int index, int attachId) {
-    if (!PinsCounted(attachId)) return;
-    if (counts[attachId] == 0) {
-        SHM_LOG(kLevelConflict, "release unoccupied buffer?");
-        return;
-    }
+// Lowers it again. Sector lock held. A counter at 0 is never wrapped: the
+// result is false, for the caller to report once the lock is given back.
+inline bool LowerPin(uint8_t (&counts)[16], int index, int attachId) {
+    if (!PinsCounted(attachId)) return true;
+    if (counts[attachId] == 0) return false;
     uint8_t now = --counts[attachId];
     SHM_TRACE(kTracePins, "\trelease %d, AttachID %d count to %d\n", index, attachId, now);
+    return true;
 }
 
 }  // namespace shm

@@ -72,7 +72,7 @@ TEST_F(ClientTest, VerdictsOnIndexAndTickAroundARewind) {
 // A release lowers the counter once and keeps the cursor, also for a frame
 // past a rewind the pin did not stop, and with a lock that cannot be taken
 // (the pin would otherwise never go away); a counter at 0 is reported,
-// never wrapped. After a ring reset, which took the pin with it, it lowers
+// never wrapped. What it reports, it reports with the lock given back. After a ring reset, which took the pin with it, it lowers
 // nothing and gives up the cursor. A copy held in the cache sector gives
 // back the slot's pin, with no validity test (the cursor proves nothing
 // there).
@@ -114,7 +114,10 @@ TEST_F(ClientTest, ReleaseAndFreeGiveThePinBackOnce) {
             ASSERT_EQ(0, SharedMem_ResetHeader(r_, f_.semId(), 0));
             counts[5] = want[5] = 1;  // somebody else's pin on the fresh entry
         }
-        EXPECT_EQ(c.log, Stdout([&] { EXPECT_EQ(0, SharedMem_ReleaseReadBuffer(client)); }));
+        Printed out =
+            PrintedWhile(f_.semId(), [&] { EXPECT_EQ(0, SharedMem_ReleaseReadBuffer(client)); });
+        EXPECT_EQ(c.log, out.text);
+        EXPECT_TRUE(out.lockFreeThroughout()) << "told under the lock: " << out.text;
         EXPECT_EQ(0, memcmp(want, counts, 16)) << c.what;
         EXPECT_EQ(0, slot) << c.what;
         EXPECT_EQ(c.cursor, SharedMem_QueryLastBufClient(client)) << c.what;

@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <sys/sem.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -31,6 +32,26 @@ std::string Stdout(const std::function<void()> &fn) {
     testing::internal::CaptureStdout();
     fn();
     return testing::internal::GetCapturedStdout();
+}
+
+Printed PrintedWhile(int semId, const std::function<void()> &fn) {
+    Printed out = {semId, "", {}};
+    cookie_io_functions_t io = {};
+    io.write = [](void *cookie, const char *data, size_t size) -> ssize_t {
+        Printed *p = static_cast<Printed *>(cookie);
+        p->text.append(data, size);
+        p->lock.push_back(semctl(p->semId, 0, GETVAL));
+        return static_cast<ssize_t>(size);
+    };
+    FILE *probe = fopencookie(&out, "w", io);
+    setvbuf(probe, nullptr, _IONBF, 0);
+    fflush(stdout);
+    FILE *saved = stdout;
+    stdout = probe;
+    fn();
+    stdout = saved;
+    fclose(probe);
+    return out;
 }
 
 FakeRing::FakeRing(const FakeRingOptions &options) {

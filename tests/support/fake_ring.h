@@ -10,6 +10,7 @@
 #include <functional>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "sharedmem.h"
 
@@ -92,5 +93,21 @@ private:
 
 // What fn prints to stdout.
 std::string Stdout(const std::function<void()> &fn);
+
+// What fn prints to stdout, and for each piece of it the value semaphore 0
+// of semId had at that moment (1: the lock is free). A line on a slow
+// console must never hold a sector lock.
+struct Printed {
+    int semId;
+    std::string text;
+    std::vector<int> lock;
+    bool lockFreeThroughout() const {
+        for (int value : lock) {
+            if (value != 1) return false;
+        }
+        return true;
+    }
+};
+Printed PrintedWhile(int semId, const std::function<void()> &fn);
 
 #endif
