@@ -65,26 +65,35 @@ struct WalkNote {
     }
 };
 
+// Marks one live entry in the writer's way. Returns 0 once it is marked,
+// or why it cannot be taken: a reader's pin, or a frame nobody has read.
+uint32_t ClaimEntry(SharedMemFrameEntry &entry) {
+    if (shm::HasPins(entry.abyAccessCount)) return SHM_WRITE_OCCUPIED;
+    if (entry.dwFlags & SHM_FRAME_UNREAD) return SHM_WRITE_UNREAD;
+    entry.dwFlags |= SHM_FRAME_WRITING;
+    return 0;
+}
+
+// The last entry of the older generation, B clamped to the table.
+int LastOldEntry(const SharedMemSectorHeader *ring) {
+    int boundary = ring->iBoundaryIndex;
+    return boundary < shm::MaxIndex(ring) ? boundary : shm::MaxIndex(ring);
+}
+
 // Entries from W on, while they lie before the end E of the coming write
 // (forms just rewound and two generations). Entry W itself is always
 // taken, even when its bytes are out of reach: its entry is reused.
 int ClaimOldFrames(SharedMemSectorHeader *ring, int write, uint32_t end, uint32_t *status,
                    WalkNote *note) {
-    int boundary = ring->iBoundaryIndex;
-    if (boundary > shm::MaxIndex(ring)) boundary = shm::MaxIndex(ring);
-    for (int i = write; i <= boundary; ++i) {
+    for (int i = write, last = LastOldEntry(ring); i <= last; ++i) {
         SharedMemFrameEntry &entry = ring->atFrame[i];
         if (i != write && entry.dwOffset >= end) return 0;
-        if (shm::HasPins(entry.abyAccessCount)) {
-            *note = {WalkNote::kPinned, i};
-            SetStatus(status, SHM_WRITE_OCCUPIED);
+        const uint32_t refused = ClaimEntry(entry);
+        if (refused != 0) {
+            if (refused == SHM_WRITE_OCCUPIED) *note = {WalkNote::kPinned, i};
+            SetStatus(status, refused);
             return -1;
         }
-        if (entry.dwFlags & SHM_FRAME_UNREAD) {
-            SetStatus(status, SHM_WRITE_UNREAD);
-            return -1;
-        }
-        entry.dwFlags |= SHM_FRAME_WRITING;
     }
     return 0;
 }
@@ -107,23 +116,16 @@ int ClaimStaleEntry(SharedMemFrameEntry &entry, int index, uint32_t *status, Wal
 // The rewind gives up the older generation, W..B, all at once; every one of
 // its frames must be free. Marks what passes. Takes no lock itself.
 int ClaimOlderGeneration(SharedMemSectorHeader *ring, uint32_t *status, WalkNote *note) {
-    int write = ring->iWriteIndex;
-    int oldest = ring->iOldestIndex;
-    int boundary = ring->iBoundaryIndex;
-    int last = boundary < shm::MaxIndex(ring) ? boundary : shm::MaxIndex(ring);
-    for (int i = write < 0 ? 0 : write; i <= last; ++i) {
-        SharedMemFrameEntry &entry = ring->atFrame[i];
-        if (shm::HasPins(entry.abyAccessCount)) {
-            *note = {WalkNote::kRewindPinned, i, write, oldest, boundary};
-            SetStatus(status, SHM_WRITE_OCCUPIED);
+    const int write = ring->iWriteIndex;
+    for (int i = write < 0 ? 0 : write, last = LastOldEntry(ring); i <= last; ++i) {
+        const uint32_t refused = ClaimEntry(ring->atFrame[i]);
+        if (refused != 0) {
+            const WalkNote::Kind kind =
+                refused == SHM_WRITE_OCCUPIED ? WalkNote::kRewindPinned : WalkNote::kRewindUnread;
+            *note = {kind, i, write, ring->iOldestIndex, ring->iBoundaryIndex};
+            SetStatus(status, refused);
             return -1;
         }
-        if (entry.dwFlags & SHM_FRAME_UNREAD) {
-            *note = {WalkNote::kRewindUnread, i, write, oldest, boundary};
-            SetStatus(status, SHM_WRITE_UNREAD);
-            return -1;
-        }
-        entry.dwFlags |= SHM_FRAME_WRITING;
     }
     return 0;
 }
