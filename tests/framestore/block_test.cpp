@@ -1,10 +1,13 @@
 // Blocks: the description grammar read back from the raw header slots,
 // refusals, indices kept in bounds, another process and its locks, the
-// kernel's size limit, hostile descriptions.
+// kernel's size limit, hostile descriptions; sector handles, the companion
+// cache a ring finds by AttachID, and reset through a handle.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -113,32 +116,33 @@ TEST_F(BlockTest, IndicesAndCountsStayInsideTheBlock) {
     EXPECT_EQ(nullptr, SharedMem_FindTag(info->pvHeaderBase, "streaming", 2, &index));
 }
 
-// Runs in a child: attaches by key, finds what the parent wrote, answers
-// under the ring's lock and dies holding it.
-int AnswerAndDieHoldingTheLock(void *arg) {
-    SharedMemBlockInfo *info = nullptr;
-    SharedMemHandle *h = nullptr;
-    if (SharedMemBlock_Attach(&info, 0, *static_cast<key_t *>(arg)) != 0) return 10;
-    if (SharedMem_InitialByTag(info, &h, "video", 5) != 0) return 11;
-    char *data = static_cast<char *>(h->pvBase) + h->ptHeader->dwStartOffset;
-    if (h->ptHeader->iLatestIndex != 42 || strcmp("from parent", data) != 0) return 12;
-    if (SharedMem_SemaphoreP(h->iSemId, h->iSectorIndex) != 0) return 13;
-    strcpy(data + 64, "from child");
-    raise(SIGKILL);
-    return 14;
-}
-
-// The kernel gives a killed holder's lock back (SEM_UNDO); a process that
-// starts later must not set a lock in use back to free either.
+// A second process attaches by key, finds what this one wrote, answers
+// under the ring's lock and is killed holding it. The kernel gives a killed
+// holder's lock back (SEM_UNDO); a process that starts later must not set a
+// lock in use back to free either.
 TEST_F(BlockTest, AnotherProcessSharesTheBlockAndItsLocks) {
     key_t key;
     SharedMemBlockInfo *info = MakeBlock("4M", {"2M-a", "1M-video"}, &key);
     ASSERT_NE(nullptr, info);
-    SharedMemSectorHeader *ring = Ring(info, 1);
-    char *data = static_cast<char *>(info->pvDataBase) + ring->dwStartOffset;
+    char *data = static_cast<char *>(info->pvDataBase) + Ring(info, 1)->dwStartOffset;
     strcpy(data, "from parent");
-    ring->iLatestIndex = 42;
-    EXPECT_EQ(-1, RunInChild(AnswerAndDieHoldingTheLock, &key));  // killed, not exited
+    Ring(info, 1)->iLatestIndex = 42;
+    fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0) {
+        SharedMemBlockInfo *mine = nullptr;
+        SharedMemHandle *h = nullptr;
+        if (SharedMemBlock_Attach(&mine, 0, key) != 0) _exit(10);
+        if (SharedMem_InitialByTag(mine, &h, "video", 5) != 0) _exit(11);
+        char *seen = static_cast<char *>(h->pvBase) + h->ptHeader->dwStartOffset;
+        if (h->ptHeader->iLatestIndex != 42 || strcmp("from parent", seen) != 0) _exit(12);
+        if (SharedMem_SemaphoreP(h->iSemId, h->iSectorIndex) != 0) _exit(13);
+        strcpy(seen + 64, "from child");
+        raise(SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFSIGNALED(status)) << "exit status " << WEXITSTATUS(status);
     EXPECT_STREQ("from child", data + 64);
     EXPECT_EQ(1, semctl(info->iSemId, 1, GETVAL));
     ASSERT_EQ(0, SharedMem_SemaphoreP(info->iSemId, 0));
@@ -200,6 +204,57 @@ TEST_F(BlockTest, HostileDescriptionsStayInsideTheHeaderSlots) {
             std::all_of(data, data + segment - count * kSlot, [](uint8_t b) { return b == 0; }));
         SharedMemBlock_Detach(&info);
     }
+}
+
+// AttachIDs 0 and 1 take "streaming", 2 "recorder" or else "streaming", the
+// others none. Opening drops the pins a former holder of the AttachID left
+// in the cache (2 keeps them); a ring that carries a cache's tag is no cache.
+TEST_F(BlockTest, RingsFindTheirCompanionCacheByAttachId) {
+    const struct {
+        std::vector<std::string> descs;
+        int attachId, cache, pinsLeft;
+    } cases[] = {
+        {{"2M-video", "1M~streaming", "1M~recorder"}, 0, 1, 0},
+        {{"2M-video", "1M~streaming", "1M~recorder"}, 2, 2, 3},
+        {{"2M-video", "1M~streaming"}, 2, 1, 3},
+        {{"2M-video", "1M-streaming"}, 0, -1, 3},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.descs.back() + " for AttachID " + std::to_string(c.attachId));
+        SharedMemBlockInfo *info = MakeBlock("8M", c.descs);
+        ASSERT_NE(nullptr, info);
+        uint8_t *pins = Cache(info, 1)->atCache[7].abyAccessCount;
+        pins[c.attachId] = 3;
+        SharedMemHandle *h = nullptr;
+        ASSERT_EQ(0, SharedMem_Initial(info, &h, 0, c.attachId));
+        EXPECT_EQ(c.cache < 0 ? nullptr : Cache(info, c.cache), h->ptCacheHeader);
+        EXPECT_EQ(c.cache, h->iCacheIndex);
+        EXPECT_EQ(c.pinsLeft, pins[c.attachId]);
+        SharedMem_Release(&h);
+    }
+}
+
+// A cache is emptied under its own sector's lock; its header and the
+// overwrite flags stay.
+TEST_F(BlockTest, ResetEmptiesACacheAndGivesItsLockBack) {
+    SharedMemBlockInfo *info = MakeBlock("8M", {"2M-video", "1M~streaming"});
+    ASSERT_NE(nullptr, info);
+    SharedMemHandle *h = nullptr;
+    ASSERT_EQ(0, SharedMem_Initial(info, &h, 1, 3));
+    SharedMemCacheHeader *c = Cache(info, 1);
+    c->iPrimaryBoundary = 3;
+    c->dwLeftSize = 10;
+    c->dwOverwrittenFlags = 0x1001;
+    c->atCache[35].abyAccessCount[15] = 1;
+    ASSERT_EQ(0, SharedMem_Reset(h));
+    EXPECT_EQ(-1, c->iPrimaryBoundary);
+    EXPECT_EQ(0x100000u, c->dwLeftSize);  // the whole MiB again
+    EXPECT_EQ(0, c->atCache[35].abyAccessCount[15]);
+    EXPECT_EQ(0x1001u, c->dwOverwrittenFlags);
+    EXPECT_EQ(1, semctl(info->iSemId, 1, GETVAL));
+    c->dwSectorType = 9;  // a slot of no known type is left alone
+    EXPECT_EQ(-1, SharedMem_Reset(h));
+    SharedMem_Release(&h);
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ protected:
         r_->iOldestIndex = o, r_->iLatestIndex = l, r_->iBoundaryIndex = b, r_->iWriteIndex = l + 1;
     }
 
-    FakeRing f_{FakeRingOptions{1000, true}};  // with a cache sector
+    FakeRing f_{1000, true};  // with a cache sector
     SharedMemSectorHeader *r_ = f_.ring();
     SharedMemHandle reader_ = f_.readerHandle(3);
 };
@@ -59,10 +59,10 @@ TEST_F(ClientTest, VerdictsOnIndexAndTickAroundARewind) {
         client.iLastIndex = c.index;
         client.dwLastTimeTick = c.tick;
         client.ptHandle = &reader_;
-        std::string out = Stdout([&] {
+        std::string out = PrintedWhile(f_.semId(), [&] {
             EXPECT_EQ(c.query, SharedMem_CheckClientValid(r_, &client, "query"));
             EXPECT_EQ(c.release, SharedMem_CheckClientValid(r_, &client, "release"));
-        });
+        }).text;
         // Only the release speaks, and only when there is an entry to report on.
         EXPECT_EQ(c.query != 0 && c.tick != 0, !out.empty() && out.find("query") == out.npos)
             << out;
@@ -93,7 +93,7 @@ TEST_F(ClientTest, ReleaseAndFreeGiveThePinBackOnce) {
     // Free gives the pin back first and nulls the pointer.
     SharedMemBufClient *freed = f_.pin(2, &reader_);
     ASSERT_NE(nullptr, freed);
-    Stdout([&] { EXPECT_EQ(0, SharedMem_FreeBufClient(&freed)); });  // it prints the address
+    EXPECT_EQ(0, SharedMem_FreeBufClient(&freed));
     EXPECT_TRUE(freed == nullptr && f_.entry(2).abyAccessCount[3] == 0);
     DebugLevel level(6);
     for (const Case &c : cases) {
@@ -117,11 +117,11 @@ TEST_F(ClientTest, ReleaseAndFreeGiveThePinBackOnce) {
         Printed out =
             PrintedWhile(f_.semId(), [&] { EXPECT_EQ(0, SharedMem_ReleaseReadBuffer(client)); });
         EXPECT_EQ(c.log, out.text);
-        EXPECT_TRUE(out.lockFreeThroughout()) << "told under the lock: " << out.text;
+        EXPECT_FALSE(out.underLock) << "told under the lock: " << out.text;
         EXPECT_EQ(0, memcmp(want, counts, 16)) << c.what;
         EXPECT_EQ(0, slot) << c.what;
         EXPECT_EQ(c.cursor, SharedMem_QueryLastBufClient(client)) << c.what;
-        EXPECT_EQ("", Stdout([&] { EXPECT_EQ(0, SharedMem_ReleaseReadBuffer(client)); }));
+        EXPECT_EQ("", PrintedWhile(f_.semId(), [&] { SharedMem_ReleaseReadBuffer(client); }).text);
         free(client);
         SetIndices(0, 3, 3);
     }

@@ -11,9 +11,8 @@
 #include <functional>
 #include <tuple>
 
-#include "read_helpers.h"
+#include "fake_ring.h"
 
-namespace readtest {
 namespace {
 
 using V = std::vector<uint32_t>;
@@ -104,10 +103,7 @@ TEST(Reader, FromTheOldestNeverTakesAReusedEntryBeforeItsIndicesArePublished) {
     const int reused = static_cast<int>((page - header) / sizeof(SharedMemFrameEntry)) - 1;
     const int lap = reused + 50;
     if (lap >= SHM_FRAME_ENTRIES) GTEST_SKIP() << "page of " << page << " bytes";
-    FakeRingOptions options;
-    options.dataBytes = static_cast<uint32_t>(lap) * 100 + 50;
-    options.sharedAcrossFork = true;  // mmap: the header starts a page
-    FakeRing f(options);
+    FakeRing f(static_cast<uint32_t>(lap) * 100 + 50);  // the header starts a page
     WriteRun(f, lap + reused, 1000, 10);
     ASSERT_EQ(reused, f.ring()->iOldestIndex);  // and W
 
@@ -134,17 +130,13 @@ TEST(Reader, FromTheOldestNeverTakesAReusedEntryBeforeItsIndicesArePublished) {
     for (const Outcome &o : g_inWindow) EXPECT_EQ(Refused(SHM_REASON_FAILED, -1), o);
     // Once published, the reader takes the oldest and goes on, older to newer.
     V ticks;
-    while (r.Query({kInPlace | SHM_READ_FROM_OLDEST, 0}) == 0) ticks.push_back(r.deliveredTick());
+    while (r.Query({kInPlace | SHM_READ_FROM_OLDEST, 0}) == 0) {
+        ticks.push_back(f.entry(r.deliveredEntry()).dwTimeTick);
+    }
     EXPECT_EQ(SHM_REASON_LATEST, r.reason());
     ASSERT_EQ(static_cast<size_t>(lap), ticks.size());
     EXPECT_EQ(newest, ticks.back());
     EXPECT_EQ(ticks.end(), std::adjacent_find(ticks.begin(), ticks.end(), std::greater_equal<>()));
-}
-
-V Ticks(int n, uint32_t first, uint32_t step) {
-    V ticks;
-    for (int k = 0; k < n; ++k) ticks.push_back(first + step * static_cast<uint32_t>(k));
-    return ticks;
 }
 
 // Frames with these ticks and flags, every one unread, read entry by entry
@@ -507,4 +499,3 @@ TEST(Adaptive, StampFileThatCannotBeMadeLeavesTheThinning) {
 }
 
 }  // namespace
-}  // namespace readtest

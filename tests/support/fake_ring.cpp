@@ -1,9 +1,10 @@
 #include "fake_ring.h"
 
-#include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -28,19 +29,13 @@ std::ostream &operator<<(std::ostream &os, const RingIndices &x) {
               << " off=" << x.writeOffset;
 }
 
-std::string Stdout(const std::function<void()> &fn) {
-    testing::internal::CaptureStdout();
-    fn();
-    return testing::internal::GetCapturedStdout();
-}
-
 Printed PrintedWhile(int semId, const std::function<void()> &fn) {
-    Printed out = {semId, "", {}};
+    Printed out = {semId, "", false};
     cookie_io_functions_t io = {};
     io.write = [](void *cookie, const char *data, size_t size) -> ssize_t {
         Printed *p = static_cast<Printed *>(cookie);
         p->text.append(data, size);
-        p->lock.push_back(semctl(p->semId, 0, GETVAL));
+        p->underLock |= semctl(p->semId, 0, GETVAL) != 1;
         return static_cast<ssize_t>(size);
     };
     FILE *probe = fopencookie(&out, "w", io);
@@ -54,43 +49,35 @@ Printed PrintedWhile(int semId, const std::function<void()> &fn) {
     return out;
 }
 
-FakeRing::FakeRing(const FakeRingOptions &options) {
-    int sectors = options.withCache ? 2 : 1;
+FakeRing::FakeRing(uint32_t dataBytes, bool withCache) {
+    constexpr uint32_t kCacheSlotBytes = 256, kCacheBytes = 4 * kCacheSlotBytes;
+    int sectors = withCache ? 2 : 1;
     uint32_t headers = static_cast<uint32_t>(sectors) * SHM_HEADER_SLOT_SIZE;
-    uint32_t ringEnd = headers + options.dataBytes;
-    uint32_t cacheBytes = options.withCache ? options.cacheSlotBytes * options.cacheSlots : 0;
-    uint32_t total = ringEnd + cacheBytes;
+    uint32_t ringEnd = headers + dataBytes;
+    uint32_t total = ringEnd + (withCache ? kCacheBytes : 0);
     bytes_ = total;
-    if (options.sharedAcrossFork) {
-        void *p = mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        base_ = p == MAP_FAILED ? nullptr : static_cast<uint8_t *>(p);
-        mapped_ = true;
-    } else {
-        base_ = static_cast<uint8_t *>(calloc(1, bytes_));
-    }
-    if (base_ == nullptr) abort();
+    void *p = mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED) abort();
+    base_ = static_cast<uint8_t *>(p);  // zero-filled, aligned for any record
 
-    // The buffer comes from calloc or mmap: aligned for any record.
-    ring_ = static_cast<SharedMemSectorHeader *>(static_cast<void *>(base_));
+    ring_ = static_cast<SharedMemSectorHeader *>(p);
     FillCommon(ring_, SHM_SECTOR_RING, total, headers, ringEnd);
     ring_->dwWriteOffset = headers;
     ring_->iOldestIndex = ring_->iLatestIndex = ring_->iBoundaryIndex = -1;
-    ring_->iWriteIndex = 0;
     ring_->iMaxIndex = SHM_FRAME_ENTRIES - 1;
     strcpy(ring_->szTag, "video");
-    ring_->byHasNext = options.withCache ? 1 : 0;
+    ring_->byHasNext = withCache ? 1 : 0;
 
-    if (options.withCache) {
+    if (withCache) {
         cache_ = static_cast<SharedMemCacheHeader *>(static_cast<void *>(base_ + SHM_HEADER_SLOT_SIZE));
         FillCommon(static_cast<SharedMemSectorHeader *>(static_cast<void *>(cache_)),
                    SHM_SECTOR_CACHE, total, ringEnd, total);
-        cache_->dwPrimarySize = options.cacheSlotBytes;
-        cache_->dwLeftSize = cacheBytes;
+        cache_->dwPrimarySize = kCacheSlotBytes;
+        cache_->dwLeftSize = kCacheBytes;
         cache_->iOldestIndex = cache_->iLatestIndex = -1;
         cache_->iPrimaryBoundary = cache_->iSecondaryBoundary = -1;
         cache_->iSecondaryEnd = SHM_CACHE_ENTRIES - 1;
         strcpy(cache_->szTag, "streaming");
-        cache_->byHasNext = 0;
     }
 
     // IPC_PRIVATE: a set nobody else can find, made afresh for this ring.
@@ -102,17 +89,12 @@ FakeRing::FakeRing(const FakeRingOptions &options) {
     handle_.ptHeader = ring_;
     handle_.iAttachId = 16;  // the writer pins nothing
     handle_.iSemId = semId_;
-    handle_.iSectorIndex = 0;
-    handle_.iCacheIndex = options.withCache ? 1 : 0;
+    handle_.iCacheIndex = withCache ? 1 : 0;
 }
 
 FakeRing::~FakeRing() {
     semctl(semId_, 0, IPC_RMID);
-    if (mapped_) {
-        munmap(base_, bytes_);
-    } else {
-        free(base_);
-    }
+    munmap(base_, bytes_);
 }
 
 SharedMemHandle FakeRing::readerHandle(int attachId) const {
@@ -147,7 +129,7 @@ SharedMemBufClient *FakeRing::pin(int index, SharedMemHandle *reader) {
     bool usable = SharedMem_CheckIndexValid(ring_, index, e.dwTimeTick, nullptr) == 0 &&
                   !(e.dwFlags & SHM_FRAME_WRITING);
     if (usable) {
-        if (reader->iAttachId >= 0 && reader->iAttachId < 16) ++e.abyAccessCount[reader->iAttachId];
+        ++e.abyAccessCount[reader->iAttachId];
         e.dwFlags &= ~SHM_FRAME_UNREAD;
     }
     SharedMem_SemaphoreV(semId_, 0);
@@ -162,22 +144,95 @@ SharedMemBufClient *FakeRing::pin(int index, SharedMemHandle *reader) {
     return client;
 }
 
-bool FakeRing::isEmpty() const {
-    const RingIndices x = indices();
-    return x.o == -1 && x.l == -1 && x.b == -1 && x.w == 0 && x.writeOffset == start();
+std::ostream &operator<<(std::ostream &os, const Outcome &o) {
+    return os << "{result " << o.result << ", reason " << o.reason << ", entry " << o.entry
+              << ", cursor " << o.cursor << "}";
 }
 
-bool FakeRing::isOneGeneration() const {
-    const RingIndices x = indices();
-    return x.o == 0 && x.w >= 1 && x.l == x.w - 1 && x.b == x.l;
+std::vector<uint32_t> Ticks(int n, uint32_t first, uint32_t step) {
+    std::vector<uint32_t> ticks;
+    for (int k = 0; k < n; ++k) ticks.push_back(first + step * static_cast<uint32_t>(k));
+    return ticks;
 }
 
-bool FakeRing::isJustRewound() const {
-    const RingIndices x = indices();
-    return x.o == 0 && x.w == 0 && x.l == x.b && x.writeOffset == start();
+void WriteFrames(FakeRing &ring, const std::vector<uint32_t> &ticks,
+                 const std::vector<uint32_t> &flags, uint32_t size) {
+    ASSERT_EQ(ticks.size(), flags.size());
+    for (size_t i = 0; i < ticks.size(); ++i) {
+        ASSERT_EQ(0, ring.write(size, flags[i], ticks[i])) << "frame " << i << " status "
+                                                            << ring.status();
+    }
 }
 
-bool FakeRing::isTwoGenerations() const {
-    const RingIndices x = indices();
-    return x.l >= 0 && x.w == x.l + 1 && x.w <= x.o && x.o <= x.b;
+void WriteRun(FakeRing &ring, int n, uint32_t first, uint32_t step, int keyEvery,
+              uint32_t size) {
+    std::vector<uint32_t> flags;
+    for (int k = 0; k < n; ++k) {
+        flags.push_back(keyEvery == 0 || k % keyEvery == 0 ? kKey : Predicted());
+    }
+    WriteFrames(ring, Ticks(n, first, step), flags, size);
+}
+
+Reader::Reader(FakeRing &ring, int attachId)
+    : ring_(ring), handle_(ring.readerHandle(attachId)) {
+    handle_.pdwAdaptiveStamp = nullptr;
+}
+
+Reader::~Reader() {
+    SharedMem_FreeBufClient(&client_);
+    if (handle_.pdwAdaptiveStamp != nullptr) munmap(handle_.pdwAdaptiveStamp, sizeof(uint32_t));
+}
+
+int Reader::Query(const Ask &ask, bool releaseFirst) {
+    if (releaseFirst && client_ != nullptr) SharedMem_ReleaseReadBuffer(client_);
+    request_ = {ask.flags, ask.delay, ask.ref, ask.window, 0, ask.minInterval, 0, 0};
+    request_.dwReason = 0xEEEE;  // shows a reason that was never written
+    data_ = nullptr;
+    uint32_t size = 0;
+    return SharedMem_QueryReadBuffer(&handle_, &client_, &data_, &size, &request_);
+}
+
+Outcome Reader::Do(const Ask &ask, bool releaseFirst) {
+    int result = Query(ask, releaseFirst);
+    return {result, reason(), deliveredEntry(), client_ != nullptr ? client_->iLastIndex : -9};
+}
+
+int Reader::deliveredEntry() const {
+    if (data_ == nullptr) return -1;
+    uint32_t offset = static_cast<uint32_t>(data_ - ring_.base());
+    for (int i = 0; i <= ring_.ring()->iBoundaryIndex; ++i) {
+        const SharedMemFrameEntry &e = ring_.ring()->atFrame[i];
+        if (e.dwOffset == offset && e.dwTimeTick != 0) return i;
+    }
+    return -1;
+}
+
+bool Unpinned(FakeRing &ring, int i) {
+    return memcmp(ring.entry(i).abyAccessCount, g_abyNULLArray, 16) == 0;
+}
+
+StampFile::StampFile(FakeRing &ring) {
+    static int made = 0;
+    path_ = "/tmp/molk_stamp_" + std::to_string(getpid()) + "_" + std::to_string(++made);
+    unlink(path_.c_str());
+    memset(ring.ring()->szSecondTag, 0, sizeof ring.ring()->szSecondTag);
+    strncpy(ring.ring()->szSecondTag, path_.c_str(), SHM_TAG_MAX);
+}
+
+StampFile::~StampFile() { unlink(path_.c_str()); }
+
+void StampFile::Publish(uint32_t tick) {
+    int fd = open(path_.c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(static_cast<ssize_t>(sizeof tick), pwrite(fd, &tick, sizeof tick, 0));
+    close(fd);
+}
+
+uint32_t StampFile::Read() const {
+    uint32_t tick = 0xFFFFFFFFu;
+    int fd = open(path_.c_str(), O_RDONLY);
+    if (fd < 0) return tick;
+    if (pread(fd, &tick, sizeof tick, 0) != static_cast<ssize_t>(sizeof tick)) tick = 0xFFFFFFFEu;
+    close(fd);
+    return tick;
 }

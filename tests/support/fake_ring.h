@@ -1,10 +1,13 @@
 // A ring laid out in ordinary memory exactly as the allocator lays out a
 // block of one ring sector (and, optionally, a "streaming" cache sector
-// behind it), so that ring logic is tested without a System V segment.
-// Operations that take a sector lock get a private semaphore set of their
-// own, removed again with the ring.
+// behind it), so that ring logic is tested without a System V segment; and
+// readers on it, with their own handles, clients and requests. Operations
+// that take a sector lock get a private semaphore set of their own, removed
+// again with the ring.
 #ifndef MOLK_TESTS_FAKE_RING_H
 #define MOLK_TESTS_FAKE_RING_H
+
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <functional>
@@ -13,14 +16,6 @@
 #include <vector>
 
 #include "sharedmem.h"
-
-struct FakeRingOptions {
-    uint32_t dataBytes = 1000;   // the ring's data area
-    bool withCache = false;      // sector 1: cache "streaming"
-    uint32_t cacheSlotBytes = 256;
-    uint32_t cacheSlots = 4;
-    bool sharedAcrossFork = false;  // MAP_SHARED memory instead of calloc
-};
 
 // O, L, B, W and dwWriteOffset of a ring, comparable and printable.
 struct RingIndices {
@@ -34,8 +29,9 @@ std::ostream &operator<<(std::ostream &os, const RingIndices &x);
 
 class FakeRing {
 public:
-    explicit FakeRing(const FakeRingOptions &options = FakeRingOptions());
-    explicit FakeRing(uint32_t dataBytes) : FakeRing(FakeRingOptions{dataBytes}) {}
+    // The memory is MAP_SHARED, so a forked child sees the same ring, and
+    // the header starts a page.
+    explicit FakeRing(uint32_t dataBytes, bool withCache = false);
     ~FakeRing();
     FakeRing(const FakeRing &) = delete;
     FakeRing &operator=(const FakeRing &) = delete;
@@ -63,16 +59,9 @@ public:
     // holds the pin, or nullptr when refused.
     SharedMemBufClient *pin(int index, SharedMemHandle *reader);
 
-    // Forms of the indices; checks dwWriteOffset too.
-    bool isEmpty() const;
-    bool isOneGeneration() const;
-    bool isJustRewound() const;
-    bool isTwoGenerations() const;
-
 private:
     uint8_t *base_ = nullptr;
     size_t bytes_ = 0;
-    bool mapped_ = false;
     int semId_ = -1;
     SharedMemSectorHeader *ring_ = nullptr;
     SharedMemCacheHeader *cache_ = nullptr;
@@ -91,23 +80,107 @@ private:
     uint32_t saved_;
 };
 
-// What fn prints to stdout.
-std::string Stdout(const std::function<void()> &fn);
-
-// What fn prints to stdout, and for each piece of it the value semaphore 0
-// of semId had at that moment (1: the lock is free). A line on a slow
-// console must never hold a sector lock.
+// What fn prints to stdout, and whether any piece of it was printed while
+// semaphore 0 of semId was taken. A line on a slow console must never hold
+// a sector lock.
 struct Printed {
     int semId;
     std::string text;
-    std::vector<int> lock;
-    bool lockFreeThroughout() const {
-        for (int value : lock) {
-            if (value != 1) return false;
-        }
-        return true;
-    }
+    bool underLock;
 };
 Printed PrintedWhile(int semId, const std::function<void()> &fn);
+
+// Frame flags as the writer's caller gives them, and the read request's
+// shorthands.
+constexpr uint32_t kInPlace = SHM_READ_IN_PLACE;
+constexpr uint32_t kKey = 0;
+inline uint32_t Predicted(uint32_t layer = 0) { return SHM_FRAME_P | (layer << 3); }
+// The lowest-layer field of a read request.
+inline uint32_t WantLayer(uint32_t layer) { return layer << 14; }
+
+// Ticks first, first + step, ...
+std::vector<uint32_t> Ticks(int n, uint32_t first, uint32_t step);
+// Publishes frames of `size` bytes with the given ticks and flags; fails
+// the calling test if the writer refuses one.
+void WriteFrames(FakeRing &ring, const std::vector<uint32_t> &ticks,
+                 const std::vector<uint32_t> &flags, uint32_t size = 100);
+// n frames of `size` bytes at Ticks(n, first, step); a key frame every
+// `keyEvery` frames (0: all key frames), the rest predicted layer 0.
+void WriteRun(FakeRing &ring, int n, uint32_t first, uint32_t step, int keyEvery = 0,
+              uint32_t size = 100);
+
+// How a query ended: its result, the reason, the entry it delivered (-1:
+// none) and the client's cursor (-9: no client).
+struct Outcome {
+    int result;
+    uint32_t reason;
+    int entry;
+    int cursor;
+    bool operator==(const Outcome &o) const {
+        return result == o.result && reason == o.reason && entry == o.entry && cursor == o.cursor;
+    }
+};
+std::ostream &operator<<(std::ostream &os, const Outcome &o);
+// Delivered entry i with no reason, or refused with `reason`, cursor on i.
+inline Outcome Got(int i) { return {0, SHM_REASON_NONE, i, i}; }
+inline Outcome Refused(uint32_t reason, int cursor) { return {-1, reason, -1, cursor}; }
+
+// A reader process's view: its own handle on the ring (own AttachID, own
+// stamp mapping), one client, one request record that every query fills
+// afresh.
+class Reader {
+public:
+    Reader(FakeRing &ring, int attachId);
+    ~Reader();
+    Reader(const Reader &) = delete;
+    Reader &operator=(const Reader &) = delete;
+
+    struct Ask {
+        uint32_t flags = SHM_READ_IN_PLACE;
+        uint32_t ref = 0;
+        uint32_t delay = 0;
+        uint32_t minInterval = 0;
+        uint32_t window = 0;
+    };
+    // One query; the frame it delivers, if any, is released first when
+    // `releaseFirst` (the usual loop of a reader).
+    int Query(const Ask &ask, bool releaseFirst = true);
+    Outcome Do(const Ask &ask, bool releaseFirst = true);
+    int Release() { return SharedMem_ReleaseReadBuffer(client_); }
+
+    SharedMemHandle *handle() { return &handle_; }
+    SharedMemBufClient *client() { return client_; }
+    SharedMemBufClient **clientSlot() { return &client_; }
+    SharedMemReadRequest &request() { return request_; }
+    uint32_t reason() const { return request_.dwReason; }
+    uint8_t *data() const { return data_; }
+    // Index of the frame the last successful query delivered, by pointer.
+    int deliveredEntry() const;
+    // This reader's pin counter on entry i.
+    int pins(int i) const { return ring_.ring()->atFrame[i].abyAccessCount[handle_.iAttachId]; }
+
+private:
+    FakeRing &ring_;
+    SharedMemHandle handle_;
+    SharedMemBufClient *client_ = nullptr;
+    SharedMemReadRequest request_ = {};
+    uint8_t *data_ = nullptr;
+};
+
+// True when no AttachID pins entry i.
+bool Unpinned(FakeRing &ring, int i);
+
+// The adaptive stamp file named by the ring's second tag, made fresh under
+// /tmp (the tests run with a private /tmp).
+class StampFile {
+public:
+    explicit StampFile(FakeRing &ring);
+    ~StampFile();
+    void Publish(uint32_t tick);  // creates the file if needed
+    uint32_t Read() const;        // 0xFFFFFFFF when the file is missing
+
+private:
+    std::string path_;
+};
 
 #endif

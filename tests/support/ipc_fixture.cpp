@@ -3,7 +3,6 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -43,12 +42,6 @@ SharedMemCacheHeader *IpcTest::Cache(SharedMemBlockInfo *info, int index) {
     return reinterpret_cast<SharedMemCacheHeader *>(Ring(info, index));
 }
 
-namespace {
-
-bool KeyIsFree(key_t key) { return shmget(key, 0, 0) == -1 && semget(key, 0, 0) == -1; }
-
-}  // namespace
-
 void IpcTest::TearDown() {
     for (SharedMemBlockInfo *&info : attached_) SharedMemBlock_Detach(&info);
     for (key_t key : keys_) {
@@ -56,17 +49,7 @@ void IpcTest::TearDown() {
         if (shmId != -1) shmctl(shmId, IPC_RMID, nullptr);
         int semId = semget(key, 0, 0);
         if (semId != -1) semctl(semId, 0, IPC_RMID);
-        EXPECT_TRUE(KeyIsFree(key)) << "IPC object left under key " << key;
+        EXPECT_TRUE(shmget(key, 0, 0) == -1 && semget(key, 0, 0) == -1)
+            << "IPC object left under key " << key;
     }
-}
-
-int RunInChild(int (*fn)(void *), void *arg) {
-    fflush(stdout);
-    fflush(stderr);
-    pid_t pid = fork();
-    if (pid == 0) _exit(fn(arg));
-    if (pid < 0) return -1;
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-    return WEXITSTATUS(status);
 }

@@ -32,7 +32,4 @@ private:
     std::vector<SharedMemBlockInfo *> attached_;
 };
 
-// Runs fn in a forked child and returns its exit status (or -1).
-int RunInChild(int (*fn)(void *), void *arg);
-
 #endif
