@@ -12,18 +12,20 @@
 
 namespace {
 
-// A ring of four frames with ticks 100..400 in one generation, and a cache
-// sector; the reader has AttachID 3.
+// A ring of four frames with ticks 100..400 in one generation; the reader
+// has AttachID 3 and a cache sector that shares the ring's lock.
 class ClientTest : public testing::Test {
 protected:
     void SetUp() override {
         for (int i = 0; i < 4; ++i) ASSERT_EQ(0, f_.write(100, 0, 100u * (i + 1)));
+        reader_.ptCacheHeader = &cache_;
     }
     void SetIndices(int o, int l, int b) {
         r_->iOldestIndex = o, r_->iLatestIndex = l, r_->iBoundaryIndex = b, r_->iWriteIndex = l + 1;
     }
 
-    FakeRing f_{1000, true};  // with a cache sector
+    FakeRing f_{1000};
+    SharedMemCacheHeader cache_ = {};
     SharedMemSectorHeader *r_ = f_.ring();
     SharedMemHandle reader_ = f_.readerHandle(3);
 };
@@ -101,7 +103,7 @@ TEST_F(ClientTest, ReleaseAndFreeGiveThePinBackOnce) {
         SharedMemBufClient *client = f_.pin(2, &handle);
         ASSERT_NE(nullptr, client) << c.what;
         uint8_t *counts = f_.entry(2).abyAccessCount, want[16] = {};
-        uint8_t &slot = f_.cache()->atCache[5].abyAccessCount[3];
+        uint8_t &slot = cache_.atCache[5].abyAccessCount[3];
         if (c.what == kBrokenLock) handle.iSemId = -1;
         if (c.what == kCountLost) counts[3] = 0;
         if (c.what == kRewoundPast || c.what == kCached) SetIndices(0, 1, 1);
@@ -130,8 +132,9 @@ TEST_F(ClientTest, ReleaseAndFreeGiveThePinBackOnce) {
 // The cache reader's range test: ticks compared as plain numbers, the range
 // wrapped past 0 when oldest >= latest.
 TEST_F(ClientTest, TickRangeOfACacheSectorWithAndWithoutWrap) {
-    SharedMemCacheHeader *cache = f_.cache();
+    SharedMemCacheHeader *cache = &cache_;
     SharedMemBufClient client = {};
+    cache->iOldestIndex = cache->iLatestIndex = -1;
     EXPECT_EQ(-1, SharedMem_CheckClientValidByTimeTick(cache, &client));  // nothing written
     cache->iOldestIndex = 1;
     cache->iLatestIndex = 3;

@@ -10,20 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace {
-
-void FillCommon(SharedMemSectorHeader *slot, uint32_t type, uint32_t total, uint32_t start,
-                uint32_t end) {
-    slot->dwSectorType = type;
-    slot->dwMemoryType = SHM_MEMORY_SYSV;
-    slot->dwTotalSize = total;
-    slot->dwPhysicalBase = 0;
-    slot->dwEndOffset = end;
-    slot->dwStartOffset = start;
-}
-
-}  // namespace
-
 std::ostream &operator<<(std::ostream &os, const RingIndices &x) {
     return os << "O=" << x.o << " L=" << x.l << " B=" << x.b << " W=" << x.w
               << " off=" << x.writeOffset;
@@ -49,47 +35,28 @@ Printed PrintedWhile(int semId, const std::function<void()> &fn) {
     return out;
 }
 
-FakeRing::FakeRing(uint32_t dataBytes, bool withCache) {
-    constexpr uint32_t kCacheSlotBytes = 256, kCacheBytes = 4 * kCacheSlotBytes;
-    int sectors = withCache ? 2 : 1;
-    uint32_t headers = static_cast<uint32_t>(sectors) * SHM_HEADER_SLOT_SIZE;
-    uint32_t ringEnd = headers + dataBytes;
-    uint32_t total = ringEnd + (withCache ? kCacheBytes : 0);
-    bytes_ = total;
+FakeRing::FakeRing(uint32_t dataBytes) {
+    const uint32_t end = SHM_HEADER_SLOT_SIZE + dataBytes;
+    bytes_ = end;
     void *p = mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (p == MAP_FAILED) abort();
     base_ = static_cast<uint8_t *>(p);  // zero-filled, aligned for any record
-
     ring_ = static_cast<SharedMemSectorHeader *>(p);
-    FillCommon(ring_, SHM_SECTOR_RING, total, headers, ringEnd);
-    ring_->dwWriteOffset = headers;
+    ring_->dwSectorType = SHM_SECTOR_RING;
+    ring_->dwMemoryType = SHM_MEMORY_SYSV;
+    ring_->dwTotalSize = ring_->dwEndOffset = end;
+    ring_->dwStartOffset = ring_->dwWriteOffset = SHM_HEADER_SLOT_SIZE;
     ring_->iOldestIndex = ring_->iLatestIndex = ring_->iBoundaryIndex = -1;
     ring_->iMaxIndex = SHM_FRAME_ENTRIES - 1;
     strcpy(ring_->szTag, "video");
-    ring_->byHasNext = withCache ? 1 : 0;
-
-    if (withCache) {
-        cache_ = static_cast<SharedMemCacheHeader *>(static_cast<void *>(base_ + SHM_HEADER_SLOT_SIZE));
-        FillCommon(static_cast<SharedMemSectorHeader *>(static_cast<void *>(cache_)),
-                   SHM_SECTOR_CACHE, total, ringEnd, total);
-        cache_->dwPrimarySize = kCacheSlotBytes;
-        cache_->dwLeftSize = kCacheBytes;
-        cache_->iOldestIndex = cache_->iLatestIndex = -1;
-        cache_->iPrimaryBoundary = cache_->iSecondaryBoundary = -1;
-        cache_->iSecondaryEnd = SHM_CACHE_ENTRIES - 1;
-        strcpy(cache_->szTag, "streaming");
-    }
 
     // IPC_PRIVATE: a set nobody else can find, made afresh for this ring.
-    semId_ = SharedMem_SemaphoreInit(IPC_PRIVATE, sectors);
+    semId_ = SharedMem_SemaphoreInit(IPC_PRIVATE, 1);
     if (semId_ == -1) abort();
-
-    handle_.ptCacheHeader = cache_;
     handle_.pvBase = base_;
     handle_.ptHeader = ring_;
     handle_.iAttachId = 16;  // the writer pins nothing
     handle_.iSemId = semId_;
-    handle_.iCacheIndex = withCache ? 1 : 0;
 }
 
 FakeRing::~FakeRing() {

@@ -1,9 +1,8 @@
 // A ring laid out in ordinary memory exactly as the allocator lays out a
-// block of one ring sector (and, optionally, a "streaming" cache sector
-// behind it), so that ring logic is tested without a System V segment; and
-// readers on it, with their own handles, clients and requests. Operations
-// that take a sector lock get a private semaphore set of their own, removed
-// again with the ring.
+// block of one ring sector, so that ring logic is tested without a System V
+// segment; and readers on it, with their own handles, clients and requests.
+// Operations that take a sector lock get a private semaphore set of their
+// own, removed again with the ring.
 #ifndef MOLK_TESTS_FAKE_RING_H
 #define MOLK_TESTS_FAKE_RING_H
 
@@ -31,13 +30,12 @@ class FakeRing {
 public:
     // The memory is MAP_SHARED, so a forked child sees the same ring, and
     // the header starts a page.
-    explicit FakeRing(uint32_t dataBytes, bool withCache = false);
+    explicit FakeRing(uint32_t dataBytes);
     ~FakeRing();
     FakeRing(const FakeRing &) = delete;
     FakeRing &operator=(const FakeRing &) = delete;
 
     SharedMemSectorHeader *ring() { return ring_; }
-    SharedMemCacheHeader *cache() { return cache_; }
     SharedMemFrameEntry &entry(int i) { return ring_->atFrame[i]; }
     SharedMemHandle *handle() { return &handle_; }
     // A second handle on the same sector with another AttachID, as a reader
@@ -64,7 +62,6 @@ private:
     size_t bytes_ = 0;
     int semId_ = -1;
     SharedMemSectorHeader *ring_ = nullptr;
-    SharedMemCacheHeader *cache_ = nullptr;
     SharedMemHandle handle_ = {};
 };
 
