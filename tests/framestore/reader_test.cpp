@@ -139,57 +139,56 @@ TEST(Reader, FromTheOldestNeverTakesAReusedEntryBeforeItsIndicesArePublished) {
     EXPECT_EQ(ticks.end(), std::adjacent_find(ticks.begin(), ticks.end(), std::greater_equal<>()));
 }
 
-// Frames with these ticks and flags, every one unread, read entry by entry
-// from the oldest, at most one per `interval` ms when rate limited. Per
-// entry: the reason it was dropped for or, when delivered, 100 plus the
-// rate limiter's carry. Only a delivery clears SHM_FRAME_UNREAD, which
-// keeps the writer off a frame nobody has read.
-V Walk(const V &ticks, V frames, uint32_t flags, uint32_t interval) {
-    FakeRing f(4000);
-    for (uint32_t &flag : frames) flag |= SHM_FRAME_UNREAD;
-    WriteFrames(f, ticks, frames);
-    Reader r(f, 3);
-    V steps;
-    for (int i = 0; i < static_cast<int>(ticks.size()); ++i) {
-        const Outcome o = r.Do({kInPlace | SHM_READ_FROM_OLDEST | flags, 1000, 0, interval});
-        EXPECT_EQ(i, o.cursor);
-        steps.push_back(o.result == 0 ? 100 + r.client()->dwRateCarry : o.reason);
-        EXPECT_EQ(o.result != 0, (f.entry(i).dwFlags & SHM_FRAME_UNREAD) != 0) << i;
-    }
-    EXPECT_EQ(SHM_REASON_LATEST, r.Do({kInPlace | flags, 1000, 0, interval}).reason);
-    return steps;
-}
-
-TEST(Reader, RateLimitCarriesTheOvershootToKeepTheAverageRate) {
-    // 25 frames a second, at most one per 100 ms: the 20 ms by which 1120
-    // came late lets 1200 through, so the average stays 100 ms.
-    EXPECT_EQ((V{100, 10, 10, 120, 10, 100, 10, 10, 120, 10, 100, 10, 10, 120, 10, 100}),
-              Walk(Ticks(16, 1000, 40), V(16, kKey), SHM_READ_RATE_LIMIT, 100));
-    // An overshoot beyond the interval is not carried.
-    EXPECT_EQ((V{100, 120, 100, 10, 100}),
-              Walk({1000, 1120, 1500, 1580, 1600}, V(5, kKey), SHM_READ_RATE_LIMIT, 100));
-    // Interval 0 means 1000 ms; a new client's last delivery counts as
-    // 100 ms before its first reference.
-    EXPECT_EQ((V{10, 10, 10, 10, 10, 10, 10, 10, 10, 100, 10}),
-              Walk(Ticks(11, 1000, 100), V(11, kKey), SHM_READ_RATE_LIMIT, 0));
-}
-
-// Frames K, P0, P2, P1, P3, K, P2, 40 ms apart. Each filter runs even after
-// an earlier one dropped the frame; the last one that fired names the
-// reason, and the rate limiter's carry moves on dropped frames too (20 ms
-// from the P1 at 1120, so 80 at the P3 that comes through).
-TEST(Reader, LayerMarkOnlyAndRateFiltersTogether) {
+// Frames, every one unread, read entry by entry from the oldest, at most
+// one per `interval` ms when rate limited. Per entry: the reason it was
+// dropped for or, when delivered, 100 plus the rate limiter's carry. Only a
+// delivery clears SHM_FRAME_UNREAD, which keeps the writer off a frame
+// nobody has read.
+TEST(Reader, LayerMarkOnlyAndRateFilters) {
     constexpr uint32_t kMark = SHM_READ_MARK_ONLY, kRate = SHM_READ_RATE_LIMIT;
-    auto walk = [](uint32_t flags) {
-        return Walk(
-            Ticks(7, 1000, 40),
-            {kKey, Predicted(0), Predicted(2), Predicted(1), Predicted(3), kKey, Predicted(2)},
-            flags, 100);
+    const V mixed = {kKey,         Predicted(0), Predicted(2), Predicted(1),
+                     Predicted(3), kKey,         Predicted(2)};
+    const struct {
+        V ticks, frames;
+        uint32_t flags, interval;
+        V steps;
+    } cases[] = {
+        // 25 frames a second, at most one per 100 ms: the 20 ms by which
+        // 1120 came late lets 1200 through, so the average stays 100 ms.
+        {Ticks(16, 1000, 40), V(16, kKey), kRate, 100,
+         {100, 10, 10, 120, 10, 100, 10, 10, 120, 10, 100, 10, 10, 120, 10, 100}},
+        // An overshoot beyond the interval is not carried.
+        {{1000, 1120, 1500, 1580, 1600}, V(5, kKey), kRate, 100, {100, 120, 100, 10, 100}},
+        // Interval 0 means 1000 ms; a new client's last delivery counts as
+        // 100 ms before its first reference.
+        {Ticks(11, 1000, 100), V(11, kKey), kRate, 0,
+         {10, 10, 10, 10, 10, 10, 10, 10, 10, 100, 10}},
+        // K, P0, P2, P1, P3, K, P2, 40 ms apart. Each filter runs even after
+        // an earlier one dropped the frame; the last one that fired names
+        // the reason, and the carry moves on dropped frames too (20 ms from
+        // the P1 at 1120, so 80 at the P3 that comes through).
+        {Ticks(7, 1000, 40), mixed, WantLayer(2), 100, {100, 12, 100, 12, 100, 100, 100}},
+        {Ticks(7, 1000, 40), mixed, WantLayer(2) | kMark, 100, {100, 11, 11, 11, 11, 100, 11}},
+        {Ticks(7, 1000, 40), mixed, WantLayer(2) | kRate, 100, {100, 10, 10, 12, 180, 120, 10}},
+        {Ticks(7, 1000, 40), mixed, WantLayer(2) | kMark | kRate, 100,
+         {100, 10, 10, 11, 11, 100, 10}},
     };
-    EXPECT_EQ((V{100, 12, 100, 12, 100, 100, 100}), walk(WantLayer(2)));
-    EXPECT_EQ((V{100, 11, 11, 11, 11, 100, 11}), walk(WantLayer(2) | kMark));
-    EXPECT_EQ((V{100, 10, 10, 12, 180, 120, 10}), walk(WantLayer(2) | kRate));
-    EXPECT_EQ((V{100, 10, 10, 11, 11, 100, 10}), walk(WantLayer(2) | kMark | kRate));
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << "flags 0x" << std::hex << c.flags);
+        FakeRing f(4000);
+        V frames = c.frames;
+        for (uint32_t &flag : frames) flag |= SHM_FRAME_UNREAD;
+        WriteFrames(f, c.ticks, frames);
+        Reader r(f, 3);
+        for (int i = 0; i < static_cast<int>(c.steps.size()); ++i) {
+            const uint32_t flags = kInPlace | SHM_READ_FROM_OLDEST | c.flags;
+            const Outcome o = r.Do({flags, 1000, 0, c.interval});
+            EXPECT_EQ(i, o.cursor);
+            EXPECT_EQ(c.steps[i], o.result == 0 ? 100 + r.client()->dwRateCarry : o.reason) << i;
+            EXPECT_EQ(o.result != 0, (f.entry(i).dwFlags & SHM_FRAME_UNREAD) != 0) << i;
+        }
+        EXPECT_EQ(SHM_REASON_LATEST, r.Do({kInPlace | c.flags, 1000, 0, c.interval}).reason);
+    }
 }
 
 // `other` shares r's AttachID and holds entry 1. A query made while r still
