@@ -80,11 +80,9 @@ TEST_F(BlockTest, ReadsDescriptionsAtAllocationAndRepartition) {
 // area on top of them, and a cache must hold one slot. These are refused
 // after the segment was made; it stays until SharedMemBlock_Delete.
 TEST_F(BlockTest, RefusesLayoutsThatOverlapOrOverflow) {
-    char total[] = "2M", a[] = "20K-video", b[] = "256K~streaming", c[] = "2M-a", d[] = "1M~a";
-    char *overlap[] = {a, b}, *overflow[] = {c, d};
-    for (char **descs : {overlap, overflow}) {
-        key_t key = NewKey();
-        EXPECT_EQ(-1, SharedMemBlock_Allocate(key, total, 2, &config_, descs)) << descs[0];
+    for (auto descs : {std::vector<std::string>{"20K-video", "256K~streaming"}, {"2M-a", "1M~a"}}) {
+        key_t key;
+        EXPECT_EQ(nullptr, MakeBlock("2M", descs, &key)) << descs[0];
         EXPECT_NE(-1, shmget(key, 0, 0)) << descs[0];
     }
 }
@@ -175,19 +173,15 @@ TEST_F(BlockTest, HostileDescriptionsStayInsideTheHeaderSlots) {
     const char alphabet[] = "0123456789KMm-+~:~-+ab";
     for (int round = 0; round < 150; ++round) {
         SCOPED_TRACE("seed " + std::to_string(seed) + " round " + std::to_string(round));
-        int count = 1 + static_cast<int>(rng() % 4);
-        std::vector<std::string> texts(count);
-        std::vector<char *> descs;
+        std::vector<std::string> texts(1 + rng() % 4);
         for (std::string &t : texts) {
             for (size_t k = rng() % 48; k > 0; --k) t += alphabet[rng() % (sizeof alphabet - 1)];
-            descs.push_back(&t[0]);
         }
+        const int count = static_cast<int>(texts.size());
         std::string total = std::to_string(count * kSlot / 1024 + 1 + rng() % 64) + "K";
-        key_t key = NewKey();
         // A cache that does not fit is refused; the fixture removes the segment.
-        if (SharedMemBlock_Allocate(key, &total[0], count, &config_, descs.data()) != 0) continue;
-        SharedMemBlockInfo *info = nullptr;
-        ASSERT_EQ(0, SharedMemBlock_Attach(&info, 0, key));
+        SharedMemBlockInfo *info = MakeBlock(total.c_str(), texts);
+        if (info == nullptr) continue;
         ASSERT_EQ(count, info->iSectorNum);
         uint32_t end = count * kSlot, segment = Ring(info, 0)->dwTotalSize;
         for (int i = 0; i < count; ++i) {
@@ -202,7 +196,6 @@ TEST_F(BlockTest, HostileDescriptionsStayInsideTheHeaderSlots) {
         const uint8_t *data = static_cast<uint8_t *>(info->pvDataBase) + count * kSlot;
         EXPECT_TRUE(
             std::all_of(data, data + segment - count * kSlot, [](uint8_t b) { return b == 0; }));
-        SharedMemBlock_Detach(&info);
     }
 }
 
