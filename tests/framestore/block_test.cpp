@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <random>
 
@@ -114,17 +113,14 @@ TEST_F(BlockTest, IndicesAndCountsStayInsideTheBlock) {
     EXPECT_EQ(nullptr, SharedMem_FindTag(info->pvHeaderBase, "streaming", 2, &index));
 }
 
-// A second process attaches by key, finds what this one wrote, answers
-// under the ring's lock and is killed holding it. The kernel gives a killed
-// holder's lock back (SEM_UNDO); a process that starts later must not set a
-// lock in use back to free either.
-TEST_F(BlockTest, AnotherProcessSharesTheBlockAndItsLocks) {
+// A process that attaches by key and is killed holding a ring's lock does
+// not leave it held: the kernel gives it back (SEM_UNDO). A process that
+// starts later must not set a lock in use back to free either. (That
+// processes share a block's frames is the reader stress test's part.)
+TEST_F(BlockTest, AKilledHolderLeavesNoLockBehind) {
     key_t key;
     SharedMemBlockInfo *info = MakeBlock("4M", {"2M-a", "1M-video"}, &key);
     ASSERT_NE(nullptr, info);
-    char *data = static_cast<char *>(info->pvDataBase) + Ring(info, 1)->dwStartOffset;
-    strcpy(data, "from parent");
-    Ring(info, 1)->iLatestIndex = 42;
     fflush(stdout);
     const pid_t child = fork();
     if (child == 0) {
@@ -132,16 +128,14 @@ TEST_F(BlockTest, AnotherProcessSharesTheBlockAndItsLocks) {
         SharedMemHandle *h = nullptr;
         if (SharedMemBlock_Attach(&mine, 0, key) != 0) _exit(10);
         if (SharedMem_InitialByTag(mine, &h, "video", 5) != 0) _exit(11);
-        char *seen = static_cast<char *>(h->pvBase) + h->ptHeader->dwStartOffset;
-        if (h->ptHeader->iLatestIndex != 42 || strcmp("from parent", seen) != 0) _exit(12);
-        if (SharedMem_SemaphoreP(h->iSemId, h->iSectorIndex) != 0) _exit(13);
-        strcpy(seen + 64, "from child");
+        if (SharedMem_SemaphoreP(h->iSemId, h->iSectorIndex) != 0) _exit(12);
+        Ring(mine, 1)->iLatestIndex = 42;
         raise(SIGKILL);
     }
     int status = 0;
     ASSERT_EQ(child, waitpid(child, &status, 0));
     EXPECT_TRUE(WIFSIGNALED(status)) << "exit status " << WEXITSTATUS(status);
-    EXPECT_STREQ("from child", data + 64);
+    EXPECT_EQ(42, Ring(info, 1)->iLatestIndex);  // it got as far as holding the lock
     EXPECT_EQ(1, semctl(info->iSemId, 1, GETVAL));
     ASSERT_EQ(0, SharedMem_SemaphoreP(info->iSemId, 0));
     EXPECT_EQ(info->iSemId, SharedMem_SemaphoreInit(key, 2));

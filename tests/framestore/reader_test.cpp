@@ -325,6 +325,55 @@ TEST(Timeshift, BandCalibrationJumpNoOvertakeAndCrossover) {
     }
 }
 
+// The three entries from the oldest on may be taken by the writer's next
+// frame; the latest one never is.
+TEST(Timeshift, FrameTooOldNamesTheOldestAndTheTwoAfterIt) {
+    struct Case {
+        int o, l, b;
+        V tooOld, notTooOld;
+    } cases[] = {
+        {5, 2, 20, {5, 6, 7}, {8, 4}}, {9, 3, 9, {9, 0, 1}, {2}},  // O = B wraps to 0
+        {0, 1, 1, {0}, {1}},           {0, 2, 2, {1}, {2}},
+        {9, 0, 9, {0}, {}},  // after a wrap the latest is no exception
+    };
+    SharedMemSectorHeader header = {};
+    header.iMaxIndex = SHM_FRAME_ENTRIES - 1;
+    for (const Case &c : cases) {
+        header.iOldestIndex = c.o;
+        header.iLatestIndex = c.l;
+        header.iBoundaryIndex = c.b;
+        for (uint32_t i : c.tooOld) EXPECT_EQ(1, SharedMem_IsFrameTooOld(&header, i)) << c.o << i;
+        for (uint32_t i : c.notTooOld) {
+            EXPECT_EQ(0, SharedMem_IsFrameTooOld(&header, i)) << c.o << i;
+        }
+    }
+}
+
+// The writer's margin goes by where the ring ends, not by its size: none
+// when it ends by 1 KiB, 3072 bytes by 1 MiB, 307200 beyond (so also for
+// a small ring lying past 1 MiB). Space is counted forward from the write
+// offset, across the end.
+TEST(Timeshift, InsideMarginAtItsEdges) {
+    struct Case {
+        uint32_t end, start, write, frame;
+        int inside;
+    } cases[] = {
+        {1024, 0, 500, 500, 0},          {1025, 0, 500, 500, 1},
+        {1025, 0, 1000, 0, 1},           {1048576, 0, 6928, 10000, 0},
+        {1048576, 0, 6929, 10000, 1},    {1048577, 0, 92800, 400000, 0},
+        {1048577, 0, 92801, 400000, 1},  {1048576, 1000, 1047000, 2496, 0},
+        {1048576, 1000, 1047000, 2495, 1}, {2010000, 2000000, 2005000, 2009000, 1},
+    };
+    SharedMemSectorHeader header = {};
+    for (const Case &c : cases) {
+        header.dwEndOffset = c.end;
+        header.dwStartOffset = c.start;
+        header.dwWriteOffset = c.write;
+        header.atFrame[0].dwOffset = c.frame;
+        EXPECT_EQ(c.inside, SharedMem_IsInsideMargin(&header, 0)) << c.end << " " << c.write;
+    }
+}
+
 // Adaptive readers: thinned until a tick published in the stamp file opens
 // a window, judged by the frames' ticks.
 
@@ -359,53 +408,6 @@ V AdaptiveWalk(
 // with a window of 1000 ms is published before the reader takes entry 10:
 // entries 10..21 lie before the end (12200), 10 and 11 even before the
 // tick. At entry 15 a later tick (12000) moves the end to 13000.
-// The three entries from the oldest on may be taken by the writer's next
-// frame; the latest one never is.
-TEST(Timeshift, FrameTooOldNamesTheOldestAndTheTwoAfterIt) {
-    struct Case {
-        int o, l, b;
-        V tooOld, notTooOld;
-    } cases[] = {
-        {5, 2, 20, {5, 6, 7}, {8, 4}}, {9, 3, 9, {9, 0, 1}, {2}},  // O = B wraps to 0
-        {0, 1, 1, {0}, {1}},           {0, 2, 2, {1}, {2}},
-        {9, 0, 9, {0}, {}},  // after a wrap the latest is no exception
-    };
-    SharedMemSectorHeader header = {};
-    header.iMaxIndex = SHM_FRAME_ENTRIES - 1;
-    for (const Case &c : cases) {
-        header.iOldestIndex = c.o;
-        header.iLatestIndex = c.l;
-        header.iBoundaryIndex = c.b;
-        for (uint32_t i : c.tooOld) EXPECT_EQ(1, SharedMem_IsFrameTooOld(&header, i)) << c.o << i;
-        for (uint32_t i : c.notTooOld) EXPECT_EQ(0, SharedMem_IsFrameTooOld(&header, i)) << c.o << i;
-    }
-}
-
-// The writer's margin goes by where the ring ends, not by its size: none
-// when it ends by 1 KiB, 3072 bytes by 1 MiB, 307200 beyond (so also for
-// a small ring lying past 1 MiB). Space is counted forward from the write
-// offset, across the end.
-TEST(Timeshift, InsideMarginAtItsEdges) {
-    struct Case {
-        uint32_t end, start, write, frame;
-        int inside;
-    } cases[] = {
-        {1024, 0, 500, 500, 0},          {1025, 0, 500, 500, 1},
-        {1025, 0, 1000, 0, 1},           {1048576, 0, 6928, 10000, 0},
-        {1048576, 0, 6929, 10000, 1},    {1048577, 0, 92800, 400000, 0},
-        {1048577, 0, 92801, 400000, 1},  {1048576, 1000, 1047000, 2496, 0},
-        {1048576, 1000, 1047000, 2495, 1}, {2010000, 2000000, 2005000, 2009000, 1},
-    };
-    SharedMemSectorHeader header = {};
-    for (const Case &c : cases) {
-        header.dwEndOffset = c.end;
-        header.dwStartOffset = c.start;
-        header.dwWriteOffset = c.write;
-        header.atFrame[0].dwOffset = c.frame;
-        EXPECT_EQ(c.inside, SharedMem_IsInsideMargin(&header, 0)) << c.end << " " << c.write;
-    }
-}
-
 TEST(Adaptive, WindowOpensAndClosesByTheFramesTicks) {
     Bench b(8000);
     WriteRun(b.f, 40, 10000, 100, 5);
