@@ -57,15 +57,6 @@ void Fill(uint8_t *bytes, uint32_t seq, uint32_t size) {
     memcpy(bytes, header, sizeof header);
 }
 
-// Every reader process attaches on its own, so the block lies elsewhere in
-// each.
-SharedMemHandle *Open(key_t key, int attachId) {
-    SharedMemBlockInfo *info = nullptr;
-    SharedMemHandle *handle = nullptr;
-    if (SharedMemBlock_Attach(&info, 0, key) != 0) return nullptr;
-    return SharedMem_InitialByTag(info, &handle, "video", attachId) == 0 ? handle : nullptr;
-}
-
 int RunWriter(SharedMemHandle *handle, Shared *s) {
     for (uint32_t seq = 0; seq < kFrames; ++seq) {
         const uint32_t size = SizeOf(seq);
@@ -86,9 +77,13 @@ int RunWriter(SharedMemHandle *handle, Shared *s) {
     return 0;
 }
 
+// Every reader process attaches on its own, so the block lies elsewhere in
+// each.
 int RunReader(key_t key, Shared *s, int which) {
-    SharedMemHandle *handle = Open(key, kAttachIds[which]);
-    if (handle == nullptr) return 1;
+    SharedMemBlockInfo *info = nullptr;
+    SharedMemHandle *handle = nullptr;
+    if (SharedMemBlock_Attach(&info, 0, key) != 0) return 1;
+    if (SharedMem_InitialByTag(info, &handle, "video", kAttachIds[which]) != 0) return 1;
     SharedMemBufClient *client = nullptr;
     int64_t lastSeq = -1;
     for (uint32_t queriesAfterTheWriter = 0; queriesAfterTheWriter < kStallLimit;) {

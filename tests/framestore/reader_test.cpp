@@ -11,9 +11,8 @@
 #include <functional>
 #include <tuple>
 
-#include "read_helpers.h"
+#include "fake_ring.h"
 
-namespace readtest {
 namespace {
 
 using V = std::vector<uint32_t>;
@@ -104,10 +103,7 @@ TEST(Reader, FromTheOldestNeverTakesAReusedEntryBeforeItsIndicesArePublished) {
     const int reused = static_cast<int>((page - header) / sizeof(SharedMemFrameEntry)) - 1;
     const int lap = reused + 50;
     if (lap >= SHM_FRAME_ENTRIES) GTEST_SKIP() << "page of " << page << " bytes";
-    FakeRingOptions options;
-    options.dataBytes = static_cast<uint32_t>(lap) * 100 + 50;
-    options.sharedAcrossFork = true;  // mmap: the header starts a page
-    FakeRing f(options);
+    FakeRing f(static_cast<uint32_t>(lap) * 100 + 50);  // the header starts a page
     WriteRun(f, lap + reused, 1000, 10);
     ASSERT_EQ(reused, f.ring()->iOldestIndex);  // and W
 
@@ -134,70 +130,65 @@ TEST(Reader, FromTheOldestNeverTakesAReusedEntryBeforeItsIndicesArePublished) {
     for (const Outcome &o : g_inWindow) EXPECT_EQ(Refused(SHM_REASON_FAILED, -1), o);
     // Once published, the reader takes the oldest and goes on, older to newer.
     V ticks;
-    while (r.Query({kInPlace | SHM_READ_FROM_OLDEST, 0}) == 0) ticks.push_back(r.deliveredTick());
+    while (r.Query({kInPlace | SHM_READ_FROM_OLDEST, 0}) == 0) {
+        ticks.push_back(f.entry(r.deliveredEntry()).dwTimeTick);
+    }
     EXPECT_EQ(SHM_REASON_LATEST, r.reason());
     ASSERT_EQ(static_cast<size_t>(lap), ticks.size());
     EXPECT_EQ(newest, ticks.back());
     EXPECT_EQ(ticks.end(), std::adjacent_find(ticks.begin(), ticks.end(), std::greater_equal<>()));
 }
 
-V Ticks(int n, uint32_t first, uint32_t step) {
-    V ticks;
-    for (int k = 0; k < n; ++k) ticks.push_back(first + step * static_cast<uint32_t>(k));
-    return ticks;
-}
-
-// Frames with these ticks and flags, every one unread, read entry by entry
-// from the oldest, at most one per `interval` ms when rate limited. Per
-// entry: the reason it was dropped for or, when delivered, 100 plus the
-// rate limiter's carry. Only a delivery clears SHM_FRAME_UNREAD, which
-// keeps the writer off a frame nobody has read.
-V Walk(const V &ticks, V frames, uint32_t flags, uint32_t interval) {
-    FakeRing f(4000);
-    for (uint32_t &flag : frames) flag |= SHM_FRAME_UNREAD;
-    WriteFrames(f, ticks, frames);
-    Reader r(f, 3);
-    V steps;
-    for (int i = 0; i < static_cast<int>(ticks.size()); ++i) {
-        const Outcome o = r.Do({kInPlace | SHM_READ_FROM_OLDEST | flags, 1000, 0, interval});
-        EXPECT_EQ(i, o.cursor);
-        steps.push_back(o.result == 0 ? 100 + r.client()->dwRateCarry : o.reason);
-        EXPECT_EQ(o.result != 0, (f.entry(i).dwFlags & SHM_FRAME_UNREAD) != 0) << i;
-    }
-    EXPECT_EQ(SHM_REASON_LATEST, r.Do({kInPlace | flags, 1000, 0, interval}).reason);
-    return steps;
-}
-
-TEST(Reader, RateLimitCarriesTheOvershootToKeepTheAverageRate) {
-    // 25 frames a second, at most one per 100 ms: the 20 ms by which 1120
-    // came late lets 1200 through, so the average stays 100 ms.
-    EXPECT_EQ((V{100, 10, 10, 120, 10, 100, 10, 10, 120, 10, 100, 10, 10, 120, 10, 100}),
-              Walk(Ticks(16, 1000, 40), V(16, kKey), SHM_READ_RATE_LIMIT, 100));
-    // An overshoot beyond the interval is not carried.
-    EXPECT_EQ((V{100, 120, 100, 10, 100}),
-              Walk({1000, 1120, 1500, 1580, 1600}, V(5, kKey), SHM_READ_RATE_LIMIT, 100));
-    // Interval 0 means 1000 ms; a new client's last delivery counts as
-    // 100 ms before its first reference.
-    EXPECT_EQ((V{10, 10, 10, 10, 10, 10, 10, 10, 10, 100, 10}),
-              Walk(Ticks(11, 1000, 100), V(11, kKey), SHM_READ_RATE_LIMIT, 0));
-}
-
-// Frames K, P0, P2, P1, P3, K, P2, 40 ms apart. Each filter runs even after
-// an earlier one dropped the frame; the last one that fired names the
-// reason, and the rate limiter's carry moves on dropped frames too (20 ms
-// from the P1 at 1120, so 80 at the P3 that comes through).
-TEST(Reader, LayerMarkOnlyAndRateFiltersTogether) {
+// Frames, every one unread, read entry by entry from the oldest, at most
+// one per `interval` ms when rate limited. Per entry: the reason it was
+// dropped for or, when delivered, 100 plus the rate limiter's carry. Only a
+// delivery clears SHM_FRAME_UNREAD, which keeps the writer off a frame
+// nobody has read.
+TEST(Reader, LayerMarkOnlyAndRateFilters) {
     constexpr uint32_t kMark = SHM_READ_MARK_ONLY, kRate = SHM_READ_RATE_LIMIT;
-    auto walk = [](uint32_t flags) {
-        return Walk(
-            Ticks(7, 1000, 40),
-            {kKey, Predicted(0), Predicted(2), Predicted(1), Predicted(3), kKey, Predicted(2)},
-            flags, 100);
+    const V mixed = {kKey,         Predicted(0), Predicted(2), Predicted(1),
+                     Predicted(3), kKey,         Predicted(2)};
+    const struct {
+        V ticks, frames;
+        uint32_t flags, interval;
+        V steps;
+    } cases[] = {
+        // 25 frames a second, at most one per 100 ms: the 20 ms by which
+        // 1120 came late lets 1200 through, so the average stays 100 ms.
+        {Ticks(16, 1000, 40), V(16, kKey), kRate, 100,
+         {100, 10, 10, 120, 10, 100, 10, 10, 120, 10, 100, 10, 10, 120, 10, 100}},
+        // An overshoot beyond the interval is not carried.
+        {{1000, 1120, 1500, 1580, 1600}, V(5, kKey), kRate, 100, {100, 120, 100, 10, 100}},
+        // Interval 0 means 1000 ms; a new client's last delivery counts as
+        // 100 ms before its first reference.
+        {Ticks(11, 1000, 100), V(11, kKey), kRate, 0,
+         {10, 10, 10, 10, 10, 10, 10, 10, 10, 100, 10}},
+        // K, P0, P2, P1, P3, K, P2, 40 ms apart. Each filter runs even after
+        // an earlier one dropped the frame; the last one that fired names
+        // the reason, and the carry moves on dropped frames too (20 ms from
+        // the P1 at 1120, so 80 at the P3 that comes through).
+        {Ticks(7, 1000, 40), mixed, WantLayer(2), 100, {100, 12, 100, 12, 100, 100, 100}},
+        {Ticks(7, 1000, 40), mixed, WantLayer(2) | kMark, 100, {100, 11, 11, 11, 11, 100, 11}},
+        {Ticks(7, 1000, 40), mixed, WantLayer(2) | kRate, 100, {100, 10, 10, 12, 180, 120, 10}},
+        {Ticks(7, 1000, 40), mixed, WantLayer(2) | kMark | kRate, 100,
+         {100, 10, 10, 11, 11, 100, 10}},
     };
-    EXPECT_EQ((V{100, 12, 100, 12, 100, 100, 100}), walk(WantLayer(2)));
-    EXPECT_EQ((V{100, 11, 11, 11, 11, 100, 11}), walk(WantLayer(2) | kMark));
-    EXPECT_EQ((V{100, 10, 10, 12, 180, 120, 10}), walk(WantLayer(2) | kRate));
-    EXPECT_EQ((V{100, 10, 10, 11, 11, 100, 10}), walk(WantLayer(2) | kMark | kRate));
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << "flags 0x" << std::hex << c.flags);
+        FakeRing f(4000);
+        V frames = c.frames;
+        for (uint32_t &flag : frames) flag |= SHM_FRAME_UNREAD;
+        WriteFrames(f, c.ticks, frames);
+        Reader r(f, 3);
+        for (int i = 0; i < static_cast<int>(c.steps.size()); ++i) {
+            const uint32_t flags = kInPlace | SHM_READ_FROM_OLDEST | c.flags;
+            const Outcome o = r.Do({flags, 1000, 0, c.interval});
+            EXPECT_EQ(i, o.cursor);
+            EXPECT_EQ(c.steps[i], o.result == 0 ? 100 + r.client()->dwRateCarry : o.reason) << i;
+            EXPECT_EQ(o.result != 0, (f.entry(i).dwFlags & SHM_FRAME_UNREAD) != 0) << i;
+        }
+        EXPECT_EQ(SHM_REASON_LATEST, r.Do({kInPlace | c.flags, 1000, 0, c.interval}).reason);
+    }
 }
 
 // `other` shares r's AttachID and holds entry 1. A query made while r still
@@ -334,6 +325,55 @@ TEST(Timeshift, BandCalibrationJumpNoOvertakeAndCrossover) {
     }
 }
 
+// The three entries from the oldest on may be taken by the writer's next
+// frame; the latest one never is.
+TEST(Timeshift, FrameTooOldNamesTheOldestAndTheTwoAfterIt) {
+    struct Case {
+        int o, l, b;
+        V tooOld, notTooOld;
+    } cases[] = {
+        {5, 2, 20, {5, 6, 7}, {8, 4}}, {9, 3, 9, {9, 0, 1}, {2}},  // O = B wraps to 0
+        {0, 1, 1, {0}, {1}},           {0, 2, 2, {1}, {2}},
+        {9, 0, 9, {0}, {}},  // after a wrap the latest is no exception
+    };
+    SharedMemSectorHeader header = {};
+    header.iMaxIndex = SHM_FRAME_ENTRIES - 1;
+    for (const Case &c : cases) {
+        header.iOldestIndex = c.o;
+        header.iLatestIndex = c.l;
+        header.iBoundaryIndex = c.b;
+        for (uint32_t i : c.tooOld) EXPECT_EQ(1, SharedMem_IsFrameTooOld(&header, i)) << c.o << i;
+        for (uint32_t i : c.notTooOld) {
+            EXPECT_EQ(0, SharedMem_IsFrameTooOld(&header, i)) << c.o << i;
+        }
+    }
+}
+
+// The writer's margin goes by where the ring ends, not by its size: none
+// when it ends by 1 KiB, 3072 bytes by 1 MiB, 307200 beyond (so also for
+// a small ring lying past 1 MiB). Space is counted forward from the write
+// offset, across the end.
+TEST(Timeshift, InsideMarginAtItsEdges) {
+    struct Case {
+        uint32_t end, start, write, frame;
+        int inside;
+    } cases[] = {
+        {1024, 0, 500, 500, 0},          {1025, 0, 500, 500, 1},
+        {1025, 0, 1000, 0, 1},           {1048576, 0, 6928, 10000, 0},
+        {1048576, 0, 6929, 10000, 1},    {1048577, 0, 92800, 400000, 0},
+        {1048577, 0, 92801, 400000, 1},  {1048576, 1000, 1047000, 2496, 0},
+        {1048576, 1000, 1047000, 2495, 1}, {2010000, 2000000, 2005000, 2009000, 1},
+    };
+    SharedMemSectorHeader header = {};
+    for (const Case &c : cases) {
+        header.dwEndOffset = c.end;
+        header.dwStartOffset = c.start;
+        header.dwWriteOffset = c.write;
+        header.atFrame[0].dwOffset = c.frame;
+        EXPECT_EQ(c.inside, SharedMem_IsInsideMargin(&header, 0)) << c.end << " " << c.write;
+    }
+}
+
 // Adaptive readers: thinned until a tick published in the stamp file opens
 // a window, judged by the frames' ticks.
 
@@ -368,53 +408,6 @@ V AdaptiveWalk(
 // with a window of 1000 ms is published before the reader takes entry 10:
 // entries 10..21 lie before the end (12200), 10 and 11 even before the
 // tick. At entry 15 a later tick (12000) moves the end to 13000.
-// The three entries from the oldest on may be taken by the writer's next
-// frame; the latest one never is.
-TEST(Timeshift, FrameTooOldNamesTheOldestAndTheTwoAfterIt) {
-    struct Case {
-        int o, l, b;
-        V tooOld, notTooOld;
-    } cases[] = {
-        {5, 2, 20, {5, 6, 7}, {8, 4}}, {9, 3, 9, {9, 0, 1}, {2}},  // O = B wraps to 0
-        {0, 1, 1, {0}, {1}},           {0, 2, 2, {1}, {2}},
-        {9, 0, 9, {0}, {}},  // after a wrap the latest is no exception
-    };
-    SharedMemSectorHeader header = {};
-    header.iMaxIndex = SHM_FRAME_ENTRIES - 1;
-    for (const Case &c : cases) {
-        header.iOldestIndex = c.o;
-        header.iLatestIndex = c.l;
-        header.iBoundaryIndex = c.b;
-        for (uint32_t i : c.tooOld) EXPECT_EQ(1, SharedMem_IsFrameTooOld(&header, i)) << c.o << i;
-        for (uint32_t i : c.notTooOld) EXPECT_EQ(0, SharedMem_IsFrameTooOld(&header, i)) << c.o << i;
-    }
-}
-
-// The writer's margin goes by where the ring ends, not by its size: none
-// when it ends by 1 KiB, 3072 bytes by 1 MiB, 307200 beyond (so also for
-// a small ring lying past 1 MiB). Space is counted forward from the write
-// offset, across the end.
-TEST(Timeshift, InsideMarginAtItsEdges) {
-    struct Case {
-        uint32_t end, start, write, frame;
-        int inside;
-    } cases[] = {
-        {1024, 0, 500, 500, 0},          {1025, 0, 500, 500, 1},
-        {1025, 0, 1000, 0, 1},           {1048576, 0, 6928, 10000, 0},
-        {1048576, 0, 6929, 10000, 1},    {1048577, 0, 92800, 400000, 0},
-        {1048577, 0, 92801, 400000, 1},  {1048576, 1000, 1047000, 2496, 0},
-        {1048576, 1000, 1047000, 2495, 1}, {2010000, 2000000, 2005000, 2009000, 1},
-    };
-    SharedMemSectorHeader header = {};
-    for (const Case &c : cases) {
-        header.dwEndOffset = c.end;
-        header.dwStartOffset = c.start;
-        header.dwWriteOffset = c.write;
-        header.atFrame[0].dwOffset = c.frame;
-        EXPECT_EQ(c.inside, SharedMem_IsInsideMargin(&header, 0)) << c.end << " " << c.write;
-    }
-}
-
 TEST(Adaptive, WindowOpensAndClosesByTheFramesTicks) {
     Bench b(8000);
     WriteRun(b.f, 40, 10000, 100, 5);
@@ -507,4 +500,3 @@ TEST(Adaptive, StampFileThatCannotBeMadeLeavesTheThinning) {
 }
 
 }  // namespace
-}  // namespace readtest

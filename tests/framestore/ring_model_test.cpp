@@ -89,6 +89,16 @@ private:
     bool Overlaps(int i, uint32_t begin, uint32_t end) const {
         return E(i).dwOffset < end && begin < E(i).dwOffset + E(i).dwSize;
     }
+    // The four forms of the indices, each with its dwWriteOffset.
+    enum Form { kNone, kEmpty, kOne, kRewound, kTwo };
+    Form FormOf(const RingIndices &x) const {
+        const bool atStart = x.writeOffset == r_->dwStartOffset;
+        if (x.o == -1 && x.l == -1 && x.b == -1 && x.w == 0 && atStart) return kEmpty;
+        if (x.o == 0 && x.w == 0 && x.l == x.b && atStart) return kRewound;
+        if (x.o == 0 && x.w >= 1 && x.l == x.w - 1 && x.b == x.l) return kOne;
+        if (x.l >= 0 && x.w == x.l + 1 && x.w <= x.o && x.o <= x.b) return kTwo;
+        return kNone;
+    }
     bool Live(int i) const {
         return i >= 0 && i <= r_->iBoundaryIndex && !(r_->iLatestIndex < i && i < r_->iOldestIndex);
     }
@@ -130,7 +140,7 @@ private:
                                           (status == SHM_WRITE_UNREAD && unread),
                    "refused with nothing of that kind in the way, status", status);
             RingIndices now = f_.indices();
-            Expect(now == before || (f_.isJustRewound() && now.l == before.l),
+            Expect(now == before || (FormOf(now) == kRewound && now.l == before.l),
                    "a refusal moved the indices, W", now.w);
             if (Pick(3) == 0) ReadersCatchUp();
             return;
@@ -199,13 +209,13 @@ private:
 
     void CheckRing() {
         const RingIndices x = f_.indices();
-        bool one = f_.isOneGeneration(), rewound = f_.isJustRewound(), two = f_.isTwoGenerations();
-        Expect(f_.isEmpty() || one || rewound || two, "indices in no form, W", x.w);
+        const Form form = FormOf(x);
+        Expect(form != kNone, "indices in no form, W", x.w);
         Expect(x.w >= 0 && x.w <= kEntries && x.b < kEntries, "index outside the table", x.b);
         Expect(x.writeOffset >= r_->dwStartOffset && x.writeOffset <= r_->dwEndOffset,
                "dwWriteOffset outside the data area", x.writeOffset);
         if (!error_.empty()) return;
-        Expect(!(one || two) || E(x.l).dwOffset + E(x.l).dwSize == x.writeOffset,
+        Expect(!(form == kOne || form == kTwo) || E(x.l).dwOffset + E(x.l).dwSize == x.writeOffset,
                "dwWriteOffset is not the end of the latest frame", x.writeOffset);
         std::vector<int> live = LiveEntries();
         for (size_t k = 0; k < live.size(); ++k) {
