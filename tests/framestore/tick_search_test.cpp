@@ -1,8 +1,9 @@
 // Ticks: their order across the wrap, the clock that makes them, and the
 // searches for a tick, at their edges, over a wrap of the tick counter and
-// of the ring, and on indices a writer is moving (the reader stress test
-// runs the backward walk under a live writer).
+// of the ring, and on indices a writer is moving.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "framestore/clock.h"
 #include "fake_ring.h"
@@ -121,6 +122,34 @@ TEST_F(SearchTest, WalksEndOnIndicesThatDoNotMeet) {
             ExpectWalk(f_, walk, 0, Target(target), 0, 0);
         }
     }
+}
+
+// A writer in another process laps a small ring with tiny frames while the
+// walks run: every answer is -1 or an index of the table, and every walk ends.
+TEST(SearchUnderAWriter, WalksStayBoundedWhileTheIndicesMove) {
+    FakeRing f(2048);  // shared with the child across the fork
+    pid_t child = fork();
+    ASSERT_NE(-1, child);
+    if (child == 0) {
+        for (uint32_t n = 1; n <= 50000; ++n) {
+            if (f.write(4 + (n % 7) * 4, (n % 5) ? SHM_FRAME_P : 0, n) != 0) _exit(2);
+        }
+        _exit(0);
+    }
+    int status = 0, walks = 0, outside = 0;
+    for (uint32_t seed = 99; waitpid(child, &status, WNOHANG) == 0; ++walks) {
+        seed = seed * 1664525u + 1013904223u;
+        int latest = __atomic_load_n(&f.ring()->iLatestIndex, __ATOMIC_RELAXED);
+        if (latest < 0 || latest > 1279) latest = 0;
+        SharedMemReadRequest r =
+            Target(f.entry(latest).dwTimeTick - (seed >> 20) % 600, seed & 0x40008u, 64);
+        uint32_t direction = (seed & 1) ? SHM_SEARCH_BACKWARD : SHM_SEARCH_FORWARD;
+        int got = SharedMem_QueryDeltaTimeBuffer(f.ring(), (seed >> 8) % 1400, direction, &r);
+        outside += got < -1 || got > 1279;
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "writer status " << status;
+    EXPECT_EQ(0, outside) << "of " << walks;
+    EXPECT_GT(walks, 0);
 }
 
 // One scan, entry by entry: the best tick so far carries over. The order is
