@@ -74,10 +74,10 @@ TEST_F(ClientTest, VerdictsOnIndexAndTickAroundARewind) {
 // A release lowers the counter once and keeps the cursor, also for a frame
 // past a rewind the pin did not stop, and with a lock that cannot be taken
 // (the pin would otherwise never go away); a counter at 0 is reported,
-// never wrapped. What it reports, it reports with the lock given back. After a ring reset, which took the pin with it, it lowers
-// nothing and gives up the cursor. A copy held in the cache sector gives
-// back the slot's pin, with no validity test (the cursor proves nothing
-// there).
+// never wrapped. What it reports, it reports with the lock given back.
+// After a ring reset, which took the pin with it, it lowers nothing and
+// gives up the cursor. A copy held in the cache sector gives back the
+// slot's pin, with no validity test (the cursor proves nothing there).
 TEST_F(ClientTest, ReleaseAndFreeGiveThePinBackOnce) {
     enum What { kBrokenLock, kCountLost, kRewoundPast, kCached, kReset };
     struct Case {

@@ -47,9 +47,9 @@ TEST(RingWriter, LapByLapIndicesAndPlaces) {
 // A refused query leaves every index where it was, and the marks it set on
 // the way (entries before the one in the way) stay. Refusals over a pin,
 // at a rewind and on a stale entry are logged once the lock is given back,
-// one over an old unread frame is not. Each case: the frames before, the entry in the way by a pin or by
-// SHM_FRAME_UNREAD, the frame refused, its status, the marks left (bit i
-// for entry i) and the log.
+// one over an old unread frame is not. Each case: the frames before, the
+// entry in the way by a pin or by SHM_FRAME_UNREAD, the frame refused, its
+// status, the marks left (bit i for entry i) and the log.
 TEST(RingWriter, RefusalsKeepIndicesAndMarksAndSayWhy) {
     struct Case {
         std::initializer_list<uint32_t> sizes;
