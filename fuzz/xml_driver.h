@@ -21,12 +21,20 @@
 
 namespace molk_fuzz {
 
-// One reader by letter: t/T tag name of the main/child element, w whole
-// element, a/A attribute by name, n/N attribute name by index, d/D data,
-// e the error text.
-inline int reader(MolkXmlNavi *h, char which, const char *name, int index, char *dst, int size)
+// One operation by letter. Cursor moves: F FindElem, C FindChildElem,
+// I IntoElem, O OutOfElem, R ResetPos, M ResetMainPos, c ResetChildPos.
+// Readers: t/T tag name of the main/child element, w whole element, a/A
+// attribute by name, n/N attribute name by index, d/D data, e error text.
+inline int call(MolkXmlNavi *h, char op, const char *name, int index = 0, char *dst = nullptr, int size = 0)
 {
-    switch (which) {
+    switch (op) {
+    case 'F': return MOLK_XML_FindElem(h, name);
+    case 'C': return MOLK_XML_FindChildElem(h, name);
+    case 'I': return MOLK_XML_IntoElem(h);
+    case 'O': return MOLK_XML_OutOfElem(h);
+    case 'R': return MOLK_XML_ResetPos(h);
+    case 'M': return MOLK_XML_ResetMainPos(h);
+    case 'c': return MOLK_XML_ResetChildPos(h);
     case 't': return MOLK_XML_GetTagName(h, dst, size);
     case 'T': return MOLK_XML_GetChildTagName(h, dst, size);
     case 'w': return MOLK_XML_GetWholeElement(h, dst, size);
@@ -73,12 +81,13 @@ struct Doc {
     }
     std::string text() const { return buf.data(); }
     std::vector<int> cursor() const { return {h->m_iParentPos, h->m_iMainPos, h->m_iChildPos, h->m_nMainNode}; }
-    // What a reader gives, or its result in angle brackets.
+    // What a reader leaves in a buffer of `size` bytes filled with 'X'; on
+    // failure behind its result in angle brackets.
     std::string read(char which, const char *name = nullptr, int index = 0, int size = 4096) const
     {
-        std::vector<char> dst(static_cast<size_t>(size), 'X');
-        const int r = reader(h, which, name, index, dst.data(), size);
-        return r == 0 ? std::string(dst.data()) : "<" + std::to_string(r) + ">";
+        std::string dst(static_cast<size_t>(size), 'X');
+        const int r = call(h, which, name, index, &dst[0], size);
+        return (r ? "<" + std::to_string(r) + ">" : "") + dst.c_str();
     }
 };
 
@@ -159,21 +168,6 @@ inline const char *checked_edit(Doc &d, int parsed, Edit edit, const char *name,
     return nullptr;
 }
 
-// One cursor move by letter: F FindElem, C FindChildElem, I IntoElem,
-// O OutOfElem, R ResetPos, M ResetMainPos, c ResetChildPos.
-inline int move(MolkXmlNavi *h, char op, const char *name = nullptr)
-{
-    switch (op) {
-    case 'F': return MOLK_XML_FindElem(h, name);
-    case 'C': return MOLK_XML_FindChildElem(h, name);
-    case 'I': return MOLK_XML_IntoElem(h);
-    case 'O': return MOLK_XML_OutOfElem(h);
-    case 'R': return MOLK_XML_ResetPos(h);
-    case 'M': return MOLK_XML_ResetMainPos(h);
-    default: return MOLK_XML_ResetChildPos(h);
-    }
-}
-
 // Runs one input; nullptr if every check held. `edits` counts the
 // successful edits.
 inline const char *drive(const uint8_t *data, size_t size, int *edits = nullptr)
@@ -214,13 +208,13 @@ inline const char *drive(const uint8_t *data, size_t size, int *edits = nullptr)
         const uint8_t op = take() % 24;
         const uint8_t arg = take();
         if (op < 7) {
-            move(d.h, "FCIORMc"[op], kNames[arg % 8]);
+            call(d.h, "FCIORMc"[op], kNames[arg % 8]);
         } else if (op < 16) {
             // The result must be cut and NUL-terminated inside the caller's size.
             const int rsize = arg % 41;
             std::vector<char> dst(static_cast<size_t>(rsize > 0 ? rsize : 1), 'Z');
             const int index = op == 13 ? arg % 4 : arg % 5 - 1;
-            if (reader(d.h, "tTwaAnNdD"[op - 7], kNames[arg % 8], index, dst.data(), rsize) == 0 &&
+            if (call(d.h, "tTwaAnNdD"[op - 7], kNames[arg % 8], index, dst.data(), rsize) == 0 &&
                 (rsize < 2 || memchr(dst.data(), '\0', dst.size()) == nullptr))
                 return "reader result not terminated inside the caller's size";
         } else {
@@ -237,7 +231,7 @@ inline const char *drive(const uint8_t *data, size_t size, int *edits = nullptr)
         }
     }
     char err[64];
-    if (reader(d.h, 'e', nullptr, 0, err, sizeof err) != 0 || memchr(err, '\0', sizeof err) == nullptr)
+    if (call(d.h, 'e', nullptr, 0, err, sizeof err) != 0 || memchr(err, '\0', sizeof err) == nullptr)
         return "error text not terminated";
     return nullptr;
 }

@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -37,14 +37,12 @@ struct LibXml2 {
                 isEmpty = sym<IntFn>("xmlTextReaderIsEmptyElement");
     const StrFn name = sym<StrFn>("xmlTextReaderConstName"), value = sym<StrFn>("xmlTextReaderConstValue");
     void (*const release)(void *) = sym<void (*)(void *)>("xmlFreeTextReader");
-    bool ok() const { return forMemory && read && nodeType && isEmpty && name && value && release; }
 
     // False if libxml2 finds the text not well-formed.
     bool tree(const std::string &text, Tree *out) const
     {
-        const int kNoEntities = 2, kNoError = 32, kNoWarning = 64, kNoNet = 2048;
-        void *r = forMemory(text.data(), static_cast<int>(text.size()), "doc.xml", nullptr,
-                            kNoEntities | kNoError | kNoWarning | kNoNet);
+        const int options = 2 | 32 | 64 | 2048; // entities replaced, quiet, no network
+        void *r = forMemory(text.data(), static_cast<int>(text.size()), "doc.xml", nullptr, options);
         if (!r)
             return false;
         std::vector<std::pair<std::string, bool>> open; // data so far, has children
@@ -106,7 +104,7 @@ void walk(MolkXmlNavi *h, std::vector<char> &buf, Tree *out)
 TEST(XmlDifferential, MachineDocumentsGiveTheSameTreeAsLibxml2)
 {
     const LibXml2 ref;
-    if (!ref.ok())
+    if (!ref.so)
         GTEST_SKIP() << "libxml2 is not installed for this architecture";
     int compared = 0, refused = 0;
     for (const char *dir : {"/usr/share/mime", "/usr/share/xml", "/usr/share/dbus-1", "/usr/share/X11/xkb/rules",
@@ -118,9 +116,7 @@ TEST(XmlDifferential, MachineDocumentsGiveTheSameTreeAsLibxml2)
             if (p.extension() != ".xml" && p.extension() != ".pom")
                 continue;
             std::ifstream in(p, std::ios::binary);
-            std::stringstream ss;
-            ss << in.rdbuf();
-            const std::string text = ss.str();
+            const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
             Tree want, got;
             if (!ref.tree(text, &want) || want.empty())
                 continue; // not well-formed: nothing to compare with

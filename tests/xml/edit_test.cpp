@@ -29,7 +29,6 @@ TEST(XmlEdit, EditsAtTheCursor)
         std::vector<int> cursor = {};
     } cases[] = {
         {"<p></p>", nullptr, MOLK_XML_AddChildElem, "n", "V", 0, "<p>\r\n<n>V</n>\r\n</p>"},
-        {"<p></p>", nullptr, MOLK_XML_InsertChildElem, "n", "V", 0, "<p>\r\n<n>V</n>\r\n</p>"},
         {"<p>text</p>", nullptr, MOLK_XML_AddChildElem, "n", nullptr, 0, "<p>text<n/>\r\n</p>"},
         {"<p>text</p>", nullptr, MOLK_XML_InsertChildElem, "n", nullptr, 0, "<p><n/>\r\ntext</p>"},
         {"<p>  <q/>  </p>", nullptr, MOLK_XML_AddChildElem, "n", nullptr, 0, "<p>  <q/>  <n/>\r\n</p>"},
