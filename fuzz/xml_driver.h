@@ -62,22 +62,19 @@ struct Doc {
     ~Doc() { MOLK_XML_Release(&h); }
     Doc(const Doc &) = delete;
     Doc &operator=(const Doc &) = delete;
-    // Copies text into a new zero-filled buffer and parses `length` bytes.
-    int load(const char *text, size_t textLen, int capacity, int length)
-    {
-        std::vector<char> fresh(static_cast<size_t>(capacity > 0 ? capacity : 1), '\0');
-        memcpy(fresh.data(), text, textLen < fresh.size() ? textLen : fresh.size());
-        const int r = MOLK_XML_SetBuffer(h, fresh.data(), capacity, length);
-        if (!buf.empty() && h->m_csDoc == buf.data())
-            return r; // refused: the handle keeps the old text
-        buf.swap(fresh);
-        return r;
-    }
-    // Default capacity: the text and a NUL, at least 3; default length: the text.
+    // Copies text into a new zero-filled buffer of `capacity` bytes (default:
+    // the text and a NUL, at least 3) and parses `length` bytes (default: the
+    // text).
     int load(const std::string &text, int capacity = -1, int length = -1)
     {
         const int size = static_cast<int>(text.size());
-        return load(text.data(), text.size(), capacity < 0 ? std::max(3, size + 1) : capacity, length < 0 ? size : length);
+        capacity = capacity < 0 ? std::max(3, size + 1) : capacity;
+        std::vector<char> fresh(static_cast<size_t>(std::max(1, capacity)), '\0');
+        memcpy(fresh.data(), text.data(), std::min(text.size(), fresh.size()));
+        const int r = MOLK_XML_SetBuffer(h, fresh.data(), capacity, length < 0 ? size : length);
+        if (buf.empty() || h->m_csDoc != buf.data())
+            buf.swap(fresh); // else refused: the handle keeps the old text
+        return r;
     }
     std::string text() const { return buf.data(); }
     std::vector<int> cursor() const { return {h->m_iParentPos, h->m_iMainPos, h->m_iChildPos, h->m_nMainNode}; }
@@ -161,7 +158,7 @@ inline const char *checked_edit(Doc &d, int parsed, Edit edit, const char *name,
     if (const char *bad = check_records(h, &shape))
         return bad;
     Doc again(h->m_nElemPosCount - 2);
-    if (again.load(d.buf.data(), d.buf.size(), h->m_nDocCapacity, h->m_nDocLength) != parsed)
+    if (again.load(std::string(d.buf.begin(), d.buf.end()), h->m_nDocCapacity, h->m_nDocLength) != parsed)
         return "a fresh parse of the edited text gives another result";
     if (check_records(again.h, &again_shape) || shape != again_shape)
         return "a fresh parse of the edited text gives another tree";
@@ -197,7 +194,7 @@ inline const char *drive(const uint8_t *data, size_t size, int *edits = nullptr)
     const int cap = caps[mode & 3];
     const int lens[] = {tl, cap, slack < cap ? slack : cap, 0};
     Doc d(maxElements);
-    const int parsed = d.load(text, textLen, cap, lens[(mode >> 2) & 3]);
+    const int parsed = d.load(std::string(text, textLen), cap, lens[(mode >> 2) & 3]);
     if (parsed != 0 && parsed != -8 && parsed != -4 && parsed != -1)
         return "unexpected parse result";
     if (parsed == 0 || parsed == -8) {
