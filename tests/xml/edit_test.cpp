@@ -103,7 +103,7 @@ TEST(XmlEdit, EditsAtTheCursor)
         if (c.want) {
             EXPECT_EQ(c.want, r == 0 ? x->text() : x->read('e'));
         }
-        if (!c.cursor.empty() || c.op == MOLK_XML_AddAttrib) {
+        if (!c.cursor.empty() || c.op == MOLK_XML_AddAttrib || c.op == MOLK_XML_AddChildAttrib) {
             EXPECT_EQ(c.cursor.empty() ? before : c.cursor, x->cursor()) << x->text();
         }
     }
