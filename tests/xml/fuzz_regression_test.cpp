@@ -6,7 +6,6 @@
 #include <fstream>
 #include <iterator>
 #include <random>
-#include <string>
 
 #include "../../fuzz/xml_driver.h"
 

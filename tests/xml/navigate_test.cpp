@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
-#include <string>
 
 #include "../../fuzz/xml_driver.h"
 

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstring>
-#include <string>
 
 #include "../../fuzz/xml_driver.h"
 
@@ -83,7 +81,6 @@ TEST(XmlParse, HandleAndOverflow)
 {
     Doc x(2);
     EXPECT_EQ(-8, x.load("<a><b/><c/></a>"));
-    EXPECT_LT(x.h->m_iFreePos, 1);
     EXPECT_EQ(1, MOLK_XML_FindChildElem(x.h, "b"));
     EXPECT_EQ(0, MOLK_XML_FindChildElem(x.h, "c")); // only in the overflow record
 
