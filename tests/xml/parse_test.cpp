@@ -163,7 +163,6 @@ TEST(XmlParse, RefusesDeepNestingWithoutRecursion)
         return open + leaf + close;
     };
     Doc x(1 << 20);
-    EXPECT_EQ(0, x.load(nested(MOLK_XML_MAX_DEPTH, "x")));
     EXPECT_EQ(0, x.load(nested(MOLK_XML_MAX_DEPTH - 1, "<e/>")));
     EXPECT_EQ(-4, x.load(nested(MOLK_XML_MAX_DEPTH, "<e/>")));
     EXPECT_EQ("Element nesting too deep at around " + std::to_string(3 * MOLK_XML_MAX_DEPTH), x.read('e'));
