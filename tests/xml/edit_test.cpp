@@ -63,6 +63,7 @@ TEST(XmlEdit, EditsAtTheCursor)
          {0, 1, 2, 1}},
         {nullptr, "", MOLK_XML_AddChildElem, "b", "2", 0, "<root>\r\n<a/>\r\n<b>2</b>\r\n</root>\r\n"},
         {nullptr, "", MOLK_XML_AddChildAttrib, "k", "v", 0, "<root>\r\n<a/>\r\n<b k=\"v\">2</b>\r\n</root>\r\n"},
+        {nullptr, "", MOLK_XML_AddAttrib, "m", "1", 0, "<root m=\"1\">\r\n<a/>\r\n<b k=\"v\">2</b>\r\n</root>\r\n"},
         {nullptr, "", MOLK_XML_AddElem, "s", nullptr, -5, nullptr},
         {"<r/>", "", MOLK_XML_AddElem, "s", nullptr, -5, nullptr},
         {"<r/>", "", MOLK_XML_AddAttrib, "k", "v", -5, nullptr},
@@ -73,6 +74,7 @@ TEST(XmlEdit, EditsAtTheCursor)
         // must leave a byte. The element limit counts parsed elements too.
         {"<r><a/></r>", nullptr, MOLK_XML_AddChildElem, "b", nullptr, 0, "<r><a/><b/>\r\n</r>", 23},
         {"<r><a/></r>", nullptr, MOLK_XML_AddChildElem, "b", nullptr, -16, "Buffer almost overrun!", 22},
+        {"<r/>", nullptr, MOLK_XML_AddChildElem, "a", "v", -16, "Buffer almost overrun!", 29}, // needs 30
         {"<r b=\"1\"/>", nullptr, MOLK_XML_AddAttrib, "b", "2", 0, "<r b=\"2\"/>", 14},
         {"<r b=\"1\"/>", nullptr, MOLK_XML_AddAttrib, "b", "12", -16, "Buffer almost overrun!", 14},
         {"<r b=\"1\"/>", nullptr, MOLK_XML_AddAttrib, "c", "", -16, nullptr, 14},
