@@ -15,7 +15,8 @@ using molk_fuzz::Doc;
 // nothing. `want` is the text after a success, or the error text after a
 // refusal (nullptr: not looked at). A row without a document goes on with
 // the previous one. `main` selects the root (nullptr), the root's child of
-// that name, or nothing ("").
+// that name, or nothing (""). `cursor`, where given, is the cursor after the
+// edit; attribute edits must leave it where it was.
 TEST(XmlEdit, EditsAtTheCursor)
 {
     const struct {
