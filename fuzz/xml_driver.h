@@ -9,14 +9,44 @@
 // inputs in tests/xml/data depend on this encoding: do not change it.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "molkxmlprocessor.h"
 
 namespace molk_fuzz {
+
+// One operation by letter. Cursor moves: F FindElem, C FindChildElem,
+// I IntoElem, O OutOfElem, R ResetPos, M ResetMainPos, c ResetChildPos.
+// Readers: t/T tag name of the main/child element, w whole element, a/A
+// attribute by name, n/N attribute name by index, d/D data, e error text.
+inline int call(MolkXmlNavi *h, char op, const char *name, int index = 0, char *dst = nullptr, int size = 0)
+{
+    switch (op) {
+    case 'F': return MOLK_XML_FindElem(h, name);
+    case 'C': return MOLK_XML_FindChildElem(h, name);
+    case 'I': return MOLK_XML_IntoElem(h);
+    case 'O': return MOLK_XML_OutOfElem(h);
+    case 'R': return MOLK_XML_ResetPos(h);
+    case 'M': return MOLK_XML_ResetMainPos(h);
+    case 'c': return MOLK_XML_ResetChildPos(h);
+    case 't': return MOLK_XML_GetTagName(h, dst, size);
+    case 'T': return MOLK_XML_GetChildTagName(h, dst, size);
+    case 'w': return MOLK_XML_GetWholeElement(h, dst, size);
+    case 'a': return MOLK_XML_GetAttrib(h, name, dst, size);
+    case 'A': return XML_GetChildAttrib(h, name, dst, size);
+    case 'n': return MOLK_XML_GetAttribName(h, index, dst, size);
+    case 'N': return MOLK_XML_GetChildAttribName(h, index, dst, size);
+    case 'd': return MOLK_XML_GetData(h, dst, size);
+    case 'D': return MOLK_XML_GetChildData(h, dst, size);
+    default: return MOLK_XML_GetError(h, dst, size);
+    }
+}
 
 // A handle and a buffer of exactly the capacity given, so that the address
 // sanitizer sees any read or write outside it.
@@ -32,16 +62,29 @@ struct Doc {
     ~Doc() { MOLK_XML_Release(&h); }
     Doc(const Doc &) = delete;
     Doc &operator=(const Doc &) = delete;
-    // Copies text into a new zero-filled buffer and parses `length` bytes.
-    int load(const char *text, size_t textLen, int capacity, int length)
+    // Copies text into a new zero-filled buffer of `capacity` bytes (default:
+    // the text and a NUL, at least 3) and parses `length` bytes (default: the
+    // text).
+    int load(const std::string &text, int capacity = -1, int length = -1)
     {
-        std::vector<char> fresh(static_cast<size_t>(capacity > 0 ? capacity : 1), '\0');
-        memcpy(fresh.data(), text, textLen < fresh.size() ? textLen : fresh.size());
-        const int r = MOLK_XML_SetBuffer(h, fresh.data(), capacity, length);
-        if (!buf.empty() && h->m_csDoc == buf.data())
-            return r; // refused: the handle keeps the old text
-        buf.swap(fresh);
+        const int size = static_cast<int>(text.size());
+        capacity = capacity < 0 ? std::max(3, size + 1) : capacity;
+        std::vector<char> fresh(static_cast<size_t>(std::max(1, capacity)), '\0');
+        memcpy(fresh.data(), text.data(), std::min(text.size(), fresh.size()));
+        const int r = MOLK_XML_SetBuffer(h, fresh.data(), capacity, length < 0 ? size : length);
+        if (buf.empty() || h->m_csDoc != buf.data())
+            buf.swap(fresh); // else refused: the handle keeps the old text
         return r;
+    }
+    std::string text() const { return buf.data(); }
+    std::vector<int> cursor() const { return {h->m_iParentPos, h->m_iMainPos, h->m_iChildPos, h->m_nMainNode}; }
+    // What a reader leaves in a buffer of `size` bytes filled with 'X'; on
+    // failure behind its result in angle brackets.
+    std::string read(char which, const char *name = nullptr, int index = 0, int size = 4096) const
+    {
+        std::string dst(static_cast<size_t>(size), 'X');
+        const int r = call(h, which, name, index, &dst[0], size);
+        return (r ? "<" + std::to_string(r) + ">" : "") + dst.c_str();
     }
 };
 
@@ -81,22 +124,32 @@ inline const char *check_records(const MolkXmlNavi *h, std::vector<int> *shape =
     return nullptr;
 }
 
-// Text, table and cursor: what a failed edit must leave as they were.
+// Text, table and the handle's bytes up to the error text: all that a failed
+// edit must leave as it was.
 inline std::vector<char> snapshot(const Doc &d)
 {
-    const MolkXmlNavi *h = d.h;
+    const char *t = reinterpret_cast<const char *>(d.h->m_pElemPos), *n = reinterpret_cast<const char *>(d.h);
     std::vector<char> s(d.buf.begin(), d.buf.end());
-    const char *t = reinterpret_cast<const char *>(h->m_pElemPos);
-    s.insert(s.end(), t, t + sizeof(ElemPos) * static_cast<size_t>(h->m_nElemPosCount));
-    const int c[] = {h->m_iParentPos, h->m_iMainPos, h->m_iChildPos, h->m_nMainNode, h->m_iFreePos, h->m_nDocLength};
-    s.insert(s.end(), reinterpret_cast<const char *>(c), reinterpret_cast<const char *>(c + 6));
+    s.insert(s.end(), t, t + sizeof(ElemPos) * static_cast<size_t>(d.h->m_nElemPosCount));
+    s.insert(s.end(), n, n + offsetof(MolkXmlNavi, m_csError));
     return s;
 }
 
-// After a successful edit: the length is right, the records stand on their
-// markup, and a fresh parse of the text gives `parsed` and the same records.
-inline const char *check_after_edit(const Doc &d, int parsed)
+using Edit = int (*)(MolkXmlNavi *, const char *, const char *);
+
+// Runs one edit on a document whose parse gave `parsed`; its result goes to
+// `result`. A success must leave the length measured anew, the records on
+// their markup, and a text that parses again to `parsed` and the same
+// records (so no success without a document). A failure must change nothing
+// but the error text.
+inline const char *checked_edit(Doc &d, int parsed, Edit edit, const char *name, const char *value, int *result)
 {
+    const std::vector<char> before = snapshot(d);
+    const int r = *result = edit(d.h, name, value);
+    if (r != 0 && before != snapshot(d))
+        return "a failed edit changed the document, the table or the cursor";
+    if (r != 0)
+        return r == -1 || r == -5 || r == -8 || r == -16 ? nullptr : "unexpected edit result";
     const MolkXmlNavi *h = d.h;
     if (h->m_nDocLength != static_cast<int>(strnlen(d.buf.data(), d.buf.size())))
         return "length not measured anew";
@@ -104,35 +157,10 @@ inline const char *check_after_edit(const Doc &d, int parsed)
     if (const char *bad = check_records(h, &shape))
         return bad;
     Doc again(h->m_nElemPosCount - 2);
-    if (again.load(d.buf.data(), d.buf.size(), h->m_nDocCapacity, h->m_nDocLength) != parsed)
+    if (again.load(std::string(d.buf.begin(), d.buf.end()), h->m_nDocCapacity, h->m_nDocLength) != parsed)
         return "a fresh parse of the edited text gives another result";
     if (check_records(again.h, &again_shape) || shape != again_shape)
         return "a fresh parse of the edited text gives another tree";
-    return nullptr;
-}
-
-// One cursor move by letter: F FindElem, C FindChildElem, I IntoElem,
-// O OutOfElem, R ResetPos, M ResetMainPos, c ResetChildPos.
-inline int move(MolkXmlNavi *h, char op, const char *name = nullptr)
-{
-    switch (op) {
-    case 'F': return MOLK_XML_FindElem(h, name);
-    case 'C': return MOLK_XML_FindChildElem(h, name);
-    case 'I': return MOLK_XML_IntoElem(h);
-    case 'O': return MOLK_XML_OutOfElem(h);
-    case 'R': return MOLK_XML_ResetPos(h);
-    case 'M': return MOLK_XML_ResetMainPos(h);
-    default: return MOLK_XML_ResetChildPos(h);
-    }
-}
-
-// Reads into a buffer of exactly `size` bytes; the result must be cut and
-// NUL-terminated inside it.
-template <typename F> const char *read_checked(int size, F f)
-{
-    std::vector<char> dst(static_cast<size_t>(size > 0 ? size : 1), 'Z');
-    if (f(dst.data(), size) == 0 && (size < 2 || memchr(dst.data(), '\0', dst.size()) == nullptr))
-        return "reader result not terminated inside the caller's size";
     return nullptr;
 }
 
@@ -143,7 +171,6 @@ inline const char *drive(const uint8_t *data, size_t size, int *edits = nullptr)
     static const char *const kNames[] = {"a", "b", "x:c", "item", "p", "", nullptr, "a[1]"};
     static const char *const kValues[] = {nullptr, "", "v", "<&>\"'x", "0123456789abcdef0123456789"};
     static const char *const kAttrValues[] = {nullptr, "", "1", "abc def"};
-    using Edit = int (*)(MolkXmlNavi *, const char *, const char *);
     static const Edit kEdits[] = {MOLK_XML_AddElem,         MOLK_XML_InsertElem, MOLK_XML_AddChildElem,
                                   MOLK_XML_InsertChildElem, MOLK_XML_AddAttrib,  MOLK_XML_AddChildAttrib,
                                   MOLK_XML_AddChildElem,    MOLK_XML_AddAttrib};
@@ -166,61 +193,42 @@ inline const char *drive(const uint8_t *data, size_t size, int *edits = nullptr)
     const int cap = caps[mode & 3];
     const int lens[] = {tl, cap, slack < cap ? slack : cap, 0};
     Doc d(maxElements);
-    const int parsed = d.load(text, textLen, cap, lens[(mode >> 2) & 3]);
+    const int parsed = d.load(std::string(text, textLen), cap, lens[(mode >> 2) & 3]);
     if (parsed != 0 && parsed != -8 && parsed != -4 && parsed != -1)
         return "unexpected parse result";
     if (parsed == 0 || parsed == -8) {
         if (const char *bad = check_records(d.h))
             return bad;
     }
-    char err[64];
-    if (MOLK_XML_GetError(d.h, err, sizeof err) != 0 || memchr(err, '\0', sizeof err) == nullptr)
-        return "error text not terminated";
-
     for (int steps = 0; p < stop && steps < 400; ++steps) {
         const uint8_t op = take() % 24;
         const uint8_t arg = take();
-        const char *name = kNames[arg % 8];
-        const int rsize = arg % 41;
-        MolkXmlNavi *h = d.h;
-        const char *bad = nullptr;
-        const auto check = [&](auto read) { bad = read_checked(rsize, read); };
-        switch (op) {
-        case 0: case 1: case 2: case 3: case 4: case 5: case 6: move(h, "FCIORMc"[op], name); break;
-        case 7: check([&](char *o, int s) { return MOLK_XML_GetTagName(h, o, s); }); break;
-        case 8: check([&](char *o, int s) { return MOLK_XML_GetChildTagName(h, o, s); }); break;
-        case 9: check([&](char *o, int s) { return MOLK_XML_GetWholeElement(h, o, s); }); break;
-        case 10: check([&](char *o, int s) { return MOLK_XML_GetAttrib(h, name, o, s); }); break;
-        case 11: check([&](char *o, int s) { return XML_GetChildAttrib(h, name, o, s); }); break;
-        case 12: check([&](char *o, int s) { return MOLK_XML_GetAttribName(h, arg % 5 - 1, o, s); }); break;
-        case 13: check([&](char *o, int s) { return MOLK_XML_GetChildAttribName(h, arg % 4, o, s); }); break;
-        case 14: check([&](char *o, int s) { return MOLK_XML_GetData(h, o, s); }); break;
-        case 15: check([&](char *o, int s) { return MOLK_XML_GetChildData(h, o, s); }); break;
-        default: {
+        if (op < 7) {
+            call(d.h, "FCIORMc"[op], kNames[arg % 8]);
+        } else if (op < 16) {
+            // The result must be cut and NUL-terminated inside the caller's size.
+            const int rsize = arg % 41;
+            std::vector<char> dst(static_cast<size_t>(rsize > 0 ? rsize : 1), 'Z');
+            const int index = op == 13 ? arg % 4 : arg % 5 - 1;
+            if (call(d.h, "tTwaAnNdD"[op - 7], kNames[arg % 8], index, dst.data(), rsize) == 0 &&
+                (rsize < 2 || memchr(dst.data(), '\0', dst.size()) == nullptr))
+                return "reader result not terminated inside the caller's size";
+        } else {
             const Edit edit = kEdits[op - 16];
-            const bool attrib = edit == MOLK_XML_AddAttrib || edit == MOLK_XML_AddChildAttrib;
             // Names are written unchecked: give plain ones. Attribute values
             // are not escaped: no quotes.
+            const bool attrib = edit == MOLK_XML_AddAttrib || edit == MOLK_XML_AddChildAttrib;
             const char *value = attrib ? kAttrValues[(arg >> 3) % 4] : kValues[(arg >> 3) % 5];
-            const std::vector<char> before = snapshot(d);
-            const int r = edit(h, kNames[arg % 5], value);
-            if (r == 0) {
-                if (parsed != 0 && parsed != -8)
-                    return "edit succeeded without a document";
-                if (edits)
-                    ++*edits;
-                bad = check_after_edit(d, parsed);
-            } else if (before != snapshot(d)) {
-                bad = "a failed edit changed the document, the table or the cursor";
-            } else if (r != -1 && r != -5 && r != -8 && r != -16) {
-                bad = "unexpected edit result";
-            }
-            break;
+            int r;
+            if (const char *bad = checked_edit(d, parsed, edit, kNames[arg % 5], value, &r))
+                return bad;
+            if (edits && r == 0)
+                ++*edits;
         }
-        }
-        if (bad)
-            return bad;
     }
+    char err[64];
+    if (call(d.h, 'e', nullptr, 0, err, sizeof err) != 0 || memchr(err, '\0', sizeof err) == nullptr)
+        return "error text not terminated";
     return nullptr;
 }
 
