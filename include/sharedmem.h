@@ -327,6 +327,87 @@ MOLK_API int SharedMem_IsFrameTooOld(SharedMemSectorHeader *ptHeader, uint32_t d
 /* 1 when the writer is closer to that frame's bytes than its margin. */
 MOLK_API int SharedMem_IsInsideMargin(SharedMemSectorHeader *ptHeader, uint32_t dwIndex);
 
+/* ---- Cache writer ------------------------------------------------------ */
+
+/* A cache sector is a table of at most 36 equal slots. A direct writer
+ * queries a slot (good for dwPrimarySize bytes), fills it without any lock
+ * and publishes it with SharedMem_UpdateWritedCache; SHM_FRAME_ERROR in the
+ * flag word gives the slot up instead. Tick 0 has the library stamp it.
+ * The writer reuses the oldest slot nobody holds; no slot may stay taken. */
+MOLK_API int SharedMem_QueryWriteCache(SharedMemHandle *ptHandle, uint8_t **ppbyBuffer,
+                                       uint32_t dwSize);
+MOLK_API int SharedMem_QueryWriteCache_Internal(SharedMemCacheHeader *ptHeader, uint32_t dwSize);
+MOLK_API int SharedMem_UpdateWritedCache(SharedMemHandle *ptHandle, SharedMemWriteInfo *ptInfo);
+MOLK_API int SharedMem_AssignNewBuffer(SharedMemCacheHeader *ptHeader, uint32_t dwBufferType);
+MOLK_API int SharedMem_AssignAvailableWriteBuffer(SharedMemCacheHeader *ptHeader,
+                                                  uint32_t dwBufferType);
+/* dwMask: 1 pass over pinned slots, 2 over slots being written, 4 stop at a
+ * slot newer than the latest, 8 pass over one unread slot once. */
+MOLK_API int SharedMem_SearchOldestBufferIndex(SharedMemCacheHeader *ptHeader, int iSkipIndex,
+                                               uint32_t dwMask);
+
+/* ---- Direct cache reader ------------------------------------------------ */
+
+/* Reads a cache sector directly, next by tick after the client's last one
+ * (ptRequest->dwCacheClass 0 for every class, else the high 16 bits of the
+ * slot's flag word). No lock is taken. The client is allocated on the first
+ * call and ended with SharedMem_FreeBufClient; give each pin back with
+ * SharedMem_ReleaseReadCache before the next query. */
+MOLK_API int SharedMem_QueryReadCache(SharedMemHandle *ptHandle, SharedMemBufClient **pptClient,
+                                      uint8_t **ppbyData, uint32_t *pdwSize,
+                                      SharedMemReadRequest *ptRequest);
+MOLK_API int SharedMem_QueryReadCache_Internal(SharedMemHandle *ptHandle,
+                                               SharedMemBufClient *ptClient,
+                                               SharedMemReadRequest *ptRequest);
+/* Pins the slot whose data starts at pbyData, hidden (SHM_FRAME_FORBIDDEN)
+ * or not. */
+MOLK_API int SharedMem_QueryReadCacheByPointer(SharedMemHandle *ptHandle,
+                                               SharedMemBufClient **pptClient, uint8_t *pbyData);
+/* Shows a hidden slot to the searching readers, as unread. */
+MOLK_API int SharedMem_ClearFobiddenReadCacheByPointer(SharedMemHandle *ptHandle,
+                                                       uint8_t *pbyData);
+MOLK_API int SharedMem_ReleaseReadCache(SharedMemHandle *ptHandle, SharedMemBufClient *ptClient);
+MOLK_API int SharedMem_ReleaseReadCacheIndex(SharedMemHandle *ptHandle, int iSlot);
+/* Next slot after dwRefTimeTick, wrap-safe; of equal ticks the lower slot. */
+MOLK_API int SharedMem_SearchNextCacheIndex(SharedMemCacheHeader *ptHeader,
+                                            uint32_t dwRefTimeTick,
+                                            SharedMemReadRequest *ptRequest);
+/* Next slot after dwRefTimeTick by plain comparison, the wrapped tick range
+ * handled as a case of its own; of equal ticks the higher slot. Reports on
+ * standard output. */
+MOLK_API int SharedMem_SearchNextBufferIndex(SharedMemCacheHeader *ptHeader,
+                                             uint32_t dwRefTimeTick, uint32_t dwBufferType,
+                                             uint32_t dwFilter);
+
+/* ---- Read-through cache ------------------------------------------------- */
+
+/* The cache way of SharedMem_QueryReadBuffer (SHM_READ_VIA_CACHE on a ring
+ * handle with a companion cache sector): the ring frame is copied once into
+ * a cache slot for every reader of that sector, and the ring entry is free
+ * as soon as the query returns. The cache sector's lock is held only for
+ * finding or assigning the slot. */
+MOLK_API int SharedMem_QueryCacheforReadBuffer(SharedMemHandle *ptHandle,
+                                               SharedMemBufClient *ptClient, uint32_t *pdwFound,
+                                               uint32_t *pdwOffset, uint32_t dwKey);
+MOLK_API int SharedMem_UpdateCacheforReadBuffer(SharedMemCacheHeader *ptHeader,
+                                                SharedMemBufClient *ptClient, uint32_t dwKey,
+                                                uint32_t dwTimeTick, uint32_t dwSize);
+MOLK_API int SharedMem_SearchCaching(SharedMemCacheHeader *ptHeader, uint32_t dwKey,
+                                     SharedMemFrameEntry *ptEntry);
+MOLK_API int SharedMem_MatchFrame(SharedMemCacheEntry *ptCacheEntry, uint32_t dwKey,
+                                  SharedMemFrameEntry *ptFrameEntry);
+
+/* ---- Statistics and inspection ------------------------------------------ */
+
+/* Fills dwSize / 4 words of pdwInfo: sector type, memory type, data size;
+ * for a ring also its form, duration (ms), frame intervals, bytes stored,
+ * and in element 7 the recent bit rate in kbit/s. Element 7 is read first
+ * as a request: 0xABCD0000 | window in frames (10..1024), else 30 frames.
+ * No lock is taken: the figures may mix two moments. */
+MOLK_API int SharedMem_QueryInfo(SharedMemHandle *ptHandle, uint32_t *pdwInfo, uint32_t dwSize);
+/* Prints a ring's state on one line, or a cache sector's slot table. */
+MOLK_API int SharedMem_ShowInfo(SharedMemHandle *ptHandle);
+
 #ifdef __cplusplus
 }
 #endif
