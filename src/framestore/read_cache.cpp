@@ -110,8 +110,9 @@ extern "C" {
 MOLK_API int SharedMem_MatchFrame(SharedMemCacheEntry *ptCacheEntry, uint32_t dwKey,
                                   SharedMemFrameEntry *ptFrameEntry) {
     if (ptCacheEntry == nullptr || ptFrameEntry == nullptr) return 0;
-    return shm::LoadWord(ptCacheEntry->dwSize) == shm::LoadWord(ptFrameEntry->dwSize) &&
-           shm::LoadWord(ptCacheEntry->dwFlags) == dwKey;
+    // Acquire: a copy published without the lock is whole once its key shows.
+    return __atomic_load_n(&ptCacheEntry->dwFlags, __ATOMIC_ACQUIRE) == dwKey &&
+           shm::LoadWord(ptCacheEntry->dwSize) == shm::LoadWord(ptFrameEntry->dwSize);
 }
 
 MOLK_API int SharedMem_SearchCaching(SharedMemCacheHeader *ptHeader, uint32_t dwKey,
