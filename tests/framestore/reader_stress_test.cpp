@@ -1,5 +1,5 @@
 // A writer at full speed and reader processes of several kinds on a real
-// block. Every frame carries its sequence number and a checksum of
+// block, in place and through the cache. Every frame carries its sequence number and a checksum of
 // its bytes; every pinned reader checks every frame it is handed, and that
 // the sequence only goes up. The writer retries a refused frame and counts
 // the refusals; nothing else may fail.
@@ -22,10 +22,17 @@ constexpr uint32_t kFrames = 100000, kKeyEvery = 30;
 constexpr uint32_t kStallLimit = 20u * 1000 * 1000;
 
 // AttachID and flags of each reader process; from AttachID 16 on a reader
-// leaves no pin, and its bytes may be torn under it.
-constexpr int kReaders = 5;
-const int kAttachIds[kReaders] = {3, 4, 5, 6, 16};
-const uint32_t kFlags[] = {0, SHM_READ_MARK_ONLY, SHM_READ_RATE_LIMIT, SHM_READ_FROM_OLDEST, 0};
+// leaves no pin, and its bytes may be torn under it. AttachIDs 0 and 1 read
+// through the "streaming" cache and hold copies, never the ring.
+constexpr int kReaders = 7;
+const int kAttachIds[kReaders] = {3, 4, 5, 6, 16, 0, 1};
+const uint32_t kFlags[kReaders] = {kInPlace,
+                                   kInPlace | SHM_READ_MARK_ONLY,
+                                   kInPlace | SHM_READ_RATE_LIMIT,
+                                   kInPlace | SHM_READ_FROM_OLDEST,
+                                   kInPlace,
+                                   SHM_READ_VIA_CACHE,
+                                   SHM_READ_VIA_CACHE | SHM_READ_MARK_ONLY};
 
 // In MAP_SHARED memory, seen by every process of the test.
 struct Shared {
@@ -91,7 +98,7 @@ int RunReader(key_t key, Shared *s, int which) {
         queriesAfterTheWriter += done ? 1 : 0;
         // No dwMinInterval: the rate limited reader gets a frame a second.
         const uint32_t ref = TickOf(__atomic_load_n(&s->published, __ATOMIC_ACQUIRE));
-        SharedMemReadRequest request = {SHM_READ_IN_PLACE | kFlags[which], 0, ref, 0, 0, 0, 0, 0};
+        SharedMemReadRequest request = {kFlags[which], 0, ref, 0, 0, 0, 0, 0};
         uint8_t *data = nullptr;
         uint32_t size = 0;
         if (SharedMem_QueryReadBuffer(handle, &client, &data, &size, &request) == 0) {
@@ -119,7 +126,7 @@ class ReaderStress : public IpcTest {};
 TEST_F(ReaderStress, WriterAndReadersAcrossProcessesNeverSeeABrokenFrame) {
     DebugLevel quiet(2);  // conflicts are the ordinary flow here
     key_t key = 0;
-    SharedMemBlockInfo *info = MakeBlock("2M", {"2M-video"}, &key);
+    SharedMemBlockInfo *info = MakeBlock("3M", {"2M-video", "256K~8K~streaming"}, &key);
     ASSERT_NE(nullptr, info);
     void *area =
         mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -141,11 +148,20 @@ TEST_F(ReaderStress, WriterAndReadersAcrossProcessesNeverSeeABrokenFrame) {
         waitpid(readers[i], &status, 0);
         EXPECT_EQ(0, status) << "reader " << i;
     }
-    printf("stress: %u frames, %u refusals\n", s->published, s->refused);
+    printf("stress: %u frames, %u refusals; delivered", s->published, s->refused);
+    for (int i = 0; i < kReaders; ++i) printf(" %u", s->delivered[i]);
+    printf("\n");
     EXPECT_EQ(kFrames, s->published);
     for (int i = 0; i < kReaders; ++i) {
         EXPECT_GT(s->delivered[i], 0u) << i;
         EXPECT_EQ(0u, s->bad[i]) << "frames broken, out of order or not key, reader " << i;
+    }
+    // Every pin went back: none in the ring, none on a copy.
+    for (const SharedMemFrameEntry &e : Ring(info, 0)->atFrame) {
+        ASSERT_EQ(0, memcmp(e.abyAccessCount, g_abyNULLArray, 16));
+    }
+    for (const SharedMemCacheEntry &e : Cache(info, 1)->atCache) {
+        ASSERT_EQ(0, memcmp(e.abyAccessCount, g_abyNULLArray, 16));
     }
     munmap(area, sizeof(Shared));
 }
