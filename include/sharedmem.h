@@ -327,6 +327,29 @@ MOLK_API int SharedMem_IsFrameTooOld(SharedMemSectorHeader *ptHeader, uint32_t d
 /* 1 when the writer is closer to that frame's bytes than its margin. */
 MOLK_API int SharedMem_IsInsideMargin(SharedMemSectorHeader *ptHeader, uint32_t dwIndex);
 
+/* ---- Waiting for the next frame (this library's extension) ------------ */
+
+/* Sleeps until the ring holds a frame after the client's cursor, and then
+ * returns 0 at once; the reader then calls SharedMem_QueryReadBuffer as
+ * before. A null client (no query made yet) waits for any frame. Returns
+ * 1 when timeoutMs passed first, -1 for a handle that is not on a ring or
+ * a client of another handle.
+ *
+ * The sleep ends when a writer publishes on the ring through
+ * SharedMem_UpdateWritedBuffer of this library version, which wakes its
+ * sleepers; a writer that nobody waits for makes no system call for it.
+ * The waiting state lives beside the block, in the POSIX shared-memory
+ * object "/molkutil.wait.<key in hex>" that the allocator or the first
+ * attach makes and SharedMemBlock_Delete removes; the segment's layout is
+ * untouched. A writer process that does not wake (an older build, or a
+ * process that writes without this library) costs a waiter no more than
+ * its timeout: the frame is seen when the timeout ends. A waiter killed in
+ * its sleep is dropped from the count by the next writer or waiter that
+ * finds it dead. A reader that keeps its distance behind the writer
+ * (SHM_REASON_WAIT) is woken by every frame and should sleep by time. */
+MOLK_API int SharedMem_WaitReadBuffer(SharedMemHandle *ptHandle, SharedMemBufClient *ptClient,
+                                      uint32_t timeoutMs);
+
 /* ---- Cache writer ------------------------------------------------------ */
 
 /* A cache sector is a table of at most 36 equal slots. A direct writer

@@ -12,6 +12,7 @@
 #include "framestore/paths.h"
 #include "framestore/sector_desc.h"
 #include "framestore/segment.h"
+#include "framestore/wait.h"
 
 namespace {
 
@@ -207,11 +208,13 @@ MOLK_API int SharedMemBlock_Allocate(key_t key, char *szTotalSize, int iSectorNu
     int result = LayOutSectors(base, iSectorNum, pszSectorDesc, &layout);
     if (result == 0) result = CreateSemaphores(key, iSectorNum);
     if (result == 0) *shm::HasNextOf(shm::SlotAt(base, iSectorNum - 1)) = 0;
+    if (result == 0) shm::MakeWaitArea(key);
     shmdt(base);
     return result;
 }
 
 MOLK_API int SharedMemBlock_Delete(key_t key) {
+    shm::RemoveWaitArea(key);
     int shmId = shmget(key, 0, 0);
     if (shmId != -1 && shmctl(shmId, IPC_RMID, nullptr) == 0) {
         fprintf(stderr, "Shared Memory %d Segment ID: %d removed\n", static_cast<int>(key), shmId);

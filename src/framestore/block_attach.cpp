@@ -7,6 +7,7 @@
 
 #include "framestore/log.h"
 #include "framestore/segment.h"
+#include "framestore/wait.h"
 
 namespace {
 
@@ -59,6 +60,7 @@ MOLK_API int SharedMemBlock_Attach(SharedMemBlockInfo **pptInfo, uint32_t dwRese
     info->iSemId = semId;
     info->iSectorNum = shm::CountSectors(base, slots);
     *pptInfo = info;
+    shm::OpenWaitArea(key, base);
     gShm_Clktck = static_cast<uint32_t>(sysconf(_SC_CLK_TCK));
     SHM_LOG(shm::kLevelTrace, "Shared Memory %d SectorNum %d attached to %p.\n",
             static_cast<int>(key), info->iSectorNum, base);
@@ -69,6 +71,7 @@ MOLK_API int SharedMemBlock_Detach(SharedMemBlockInfo **pptInfo) {
     if (pptInfo == nullptr || *pptInfo == nullptr) return -1;
     SharedMemBlockInfo *info = *pptInfo;
     SHM_LOG(shm::kLevelTrace, "Shared Memory %p detach!\n", info->pvHeaderBase);
+    shm::CloseWaitArea(info->pvDataBase);
     shmdt(info->pvHeaderBase);
     free(info);
     *pptInfo = nullptr;

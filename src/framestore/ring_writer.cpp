@@ -18,6 +18,7 @@
 #include "framestore/lock.h"
 #include "framestore/log.h"
 #include "framestore/ring.h"
+#include "framestore/wait.h"
 
 namespace {
 
@@ -327,6 +328,7 @@ MOLK_API int SharedMem_UpdateWritedBuffer(SharedMemHandle *ptHandle, SharedMemWr
     // Release: a reader that sees the mark gone (under the sector lock,
     // with an acquire load) sees the entry and the indices above.
     __atomic_store_n(&entry.dwFlags, ptInfo->dwFlags, __ATOMIC_RELEASE);
+    shm::WakeReaders(ptHandle);
     return 0;
 }
 

@@ -115,7 +115,9 @@ int RunReader(key_t key, Shared *s, int which) {
             SharedMem_ReleaseReadBuffer(client);
         } else if (request.dwReason == SHM_REASON_LATEST) {
             if (done) return 0;
-            sched_yield();
+            // Half the readers sleep until the writer publishes, half poll.
+            if (which % 2 == 0 && SharedMem_WaitReadBuffer(handle, client, 50) < 0) return 6;
+            if (which % 2 == 1) sched_yield();
         }
     }
     return 5;

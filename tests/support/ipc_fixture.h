@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <sys/mman.h>
 #include <sys/shm.h>
 #include <unistd.h>
 
@@ -23,6 +24,9 @@ protected:
             if (shmId != -1) shmctl(shmId, IPC_RMID, nullptr);
             int semId = semget(key, 0, 0);
             if (semId != -1) semctl(semId, 0, IPC_RMID);
+            char waitArea[32];
+            snprintf(waitArea, sizeof waitArea, "/molkutil.wait.%08x", static_cast<unsigned>(key));
+            shm_unlink(waitArea);
             EXPECT_TRUE(shmget(key, 0, 0) == -1 && semget(key, 0, 0) == -1)
                 << "IPC object left under key " << key;
         }
