@@ -121,9 +121,11 @@ struct Tally {
     unsigned long reasons[kReasons];
 };
 
-void PrintSummary(const ReadOptions &o, const Tally &t, double elapsed) {
-    printf("[%s] %5.1fs: %lu frames (%lu key), %lu KiB, lag %.0f ms", o.label, elapsed, t.frames,
-           t.keyFrames, t.bytes / 1024, t.frames != 0 ? t.lagSum / t.frames : 0.0);
+// One line per second, and at the end the whole run's line marked "total".
+void PrintSummary(const ReadOptions &o, const Tally &t, double elapsed, bool total) {
+    printf("[%s]%s %5.1fs: %lu frames (%lu key), %lu KiB, lag %.0f ms", o.label,
+           total ? " total" : "", elapsed, t.frames, t.keyFrames, t.bytes / 1024,
+           t.frames != 0 ? t.lagSum / t.frames : 0.0);
     if (t.viaCache != 0) printf(", %lu via cache", t.viaCache);
     if (o.verify) printf(", %lu bad", t.bad);
     for (unsigned r = 1; r < kReasons; ++r) {
@@ -131,6 +133,16 @@ void PrintSummary(const ReadOptions &o, const Tally &t, double elapsed) {
     }
     printf("\n");
     fflush(stdout);
+}
+
+void Add(Tally *total, const Tally &t) {
+    total->frames += t.frames;
+    total->keyFrames += t.keyFrames;
+    total->bytes += t.bytes;
+    total->viaCache += t.viaCache;
+    total->bad += t.bad;
+    total->lagSum += t.lagSum;
+    for (unsigned r = 0; r < kReasons; ++r) total->reasons[r] += t.reasons[r];
 }
 
 // dwHoldType 2: the client holds a copy in a cache slot, not the ring entry.
@@ -163,13 +175,14 @@ void Count(Tally *t, const SharedMemBufClient *client, const SharedMemFrameEntry
 // Reads until the count, the time or a signal ends it. Returns the exit code.
 int ReadLoop(SharedMemHandle *handle, const ReadOptions &o) {
     SharedMemBufClient *client = nullptr;
-    Tally tally = {};
+    Tally tally = {}, total = {};
     double start = Now(), lastReport = start;
     unsigned long delivered = 0;
     int rc = 0;
     while (KeepReading(o, delivered, start)) {
         if (o.summary && Now() - lastReport >= 1.0) {
-            PrintSummary(o, tally, Now() - start);
+            PrintSummary(o, tally, Now() - start, false);
+            Add(&total, tally);
             tally = Tally{};
             lastReport = Now();
         }
@@ -195,7 +208,11 @@ int ReadLoop(SharedMemHandle *handle, const ReadOptions &o) {
         // Dropped frames move the cursor on: try the next one at once.
         if (request.dwReason < SHM_REASON_NOT_YET) usleep(2000);
     }
-    if (o.summary) PrintSummary(o, tally, Now() - start);
+    if (o.summary) {
+        PrintSummary(o, tally, Now() - start, false);
+        Add(&total, tally);
+        PrintSummary(o, total, Now() - start, true);
+    }
     SharedMem_FreeBufClient(&client);
     return rc;
 }
