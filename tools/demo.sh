@@ -69,4 +69,5 @@ for label in live slow; do
   printf '  %s\n' "$(grep "^\[$label\] total" "$stampdir/$label.log")"
 done
 echo "  writer: $(tail -n 1 "$stampdir/writer.log")"
+unset SHM_DEBUG
 step top $key --count 1

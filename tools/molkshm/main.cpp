@@ -98,9 +98,11 @@ SharedMemBlockInfo *AttachOrFail(key_t key) {
 }
 
 const SharedMemSectorHeader *SectorAt(const SharedMemBlockInfo *info, int index) {
-    const uint8_t *slots = static_cast<const uint8_t *>(info->pvHeaderBase);
-    return reinterpret_cast<const SharedMemSectorHeader *>(
-        slots + static_cast<size_t>(index) * SHM_HEADER_SLOT_SIZE);
+    // Slots are 41088 bytes apart from the page-aligned mapping: every one
+    // is as aligned as its header needs.
+    const void *slot = static_cast<const uint8_t *>(info->pvHeaderBase) +
+                       static_cast<size_t>(index) * SHM_HEADER_SLOT_SIZE;
+    return static_cast<const SharedMemSectorHeader *>(slot);
 }
 
 bool IsReadThroughCache(const SharedMemCacheHeader *cache) {
