@@ -28,7 +28,7 @@ SharedMemBufClient *NewClient(SharedMemHandle *handle, const SharedMemReadReques
     return client;
 }
 
-// Step 5: the client this query works with. 0 to go on, -1 to end.
+// The client this query works with. 0 to go on, -1 to end.
 int ReadyClient(SharedMemHandle *handle, SharedMemBufClient **pptClient,
                 SharedMemBufClient *temporary, SharedMemReadRequest *request, bool empty,
                 SharedMemBufClient **client) {
@@ -83,11 +83,17 @@ namespace shm {
 
 int HoldInRing(SharedMemHandle *handle, SharedMemBufClient *client, uint8_t **ppbyData,
                uint32_t *pdwSize) {
-    const SharedMemFrameEntry &entry = handle->ptHeader->atFrame[client->iLastIndex];
+    int index = client->iLastIndex;
     client->dwHoldType = kHoldRing;
     client->dwHeld = 1;
-    if (ppbyData != nullptr) *ppbyData = AtOffset(handle->pvBase, entry.dwOffset);
-    if (pdwSize != nullptr) *pdwSize = entry.dwSize;
+    uint8_t *frame = FrameData(handle->pvBase, handle->ptHeader, index);
+    if (frame == nullptr) {
+        LogError("%.35s: entry %d lies outside the data area\n", handle->ptHeader->szTag, index);
+        SharedMem_ReleaseReadBuffer(client);
+        return -1;
+    }
+    if (ppbyData != nullptr) *ppbyData = frame;
+    if (pdwSize != nullptr) *pdwSize = LoadWord(handle->ptHeader->atFrame[index].dwSize);
     return 0;
 }
 
@@ -120,10 +126,10 @@ MOLK_API int SharedMem_QueryReadBuffer(SharedMemHandle *ptHandle, SharedMemBufCl
         client->dwHeld = 0;
         return -1;
     }
-    request->dwDelay = distance;
     int result = StaysInRing(ptHandle, request, ring->atFrame[client->iLastIndex].dwSize)
                      ? shm::HoldInRing(ptHandle, client, ppbyData, pdwSize)
                      : shm::DeliverViaCache(ptHandle, client, ppbyData, pdwSize, request);
+    if (result == 0) request->dwDelay = distance;
     // Nobody can release a temporary client's pin: it must not outlive the call.
     if (client == &temporary && result == 0) SharedMem_ReleaseReadBuffer(client);
     return result;

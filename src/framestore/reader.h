@@ -46,12 +46,12 @@ inline void MoveCandidate(ReadStep *q, int index) {
     q->tick = LoadWord(q->ring->atFrame[index].dwTimeTick);
 }
 
-// Step 3: calibration and jump of a reader that lags more than the band.
+// Catching up: calibration and jump of a reader that lags more than the band.
 void CatchUp(ReadStep *q);
-// Step 4: crossover, and no-overtake. True when the query must wait
+// Keeping the distance: crossover and no-overtake. True when the query must wait
 // (reason 9 set).
 bool MustWait(ReadStep *q);
-// Step 5: the adaptive decision. Fills the thinning; -1 ends the query
+// The adaptive decision. Fills the thinning; -1 ends the query
 // (reason 4 set).
 int DecideThinning(ReadStep *q, Thinning *thinning);
 

@@ -10,7 +10,7 @@ using shm::ReadStep;
 
 constexpr uint32_t kDefaultInterval = 1000;  // ms, when dwMinInterval is 0
 
-// Step 1: the next entry after a valid cursor, or a first query's place.
+// The candidate: the next entry after a valid cursor, or a first query's place.
 // -1 ends the query with the reason set.
 int ChooseCandidate(ReadStep *q) {
     SharedMemSectorHeader *ring = q->ring;
@@ -50,7 +50,7 @@ int ChooseCandidate(ReadStep *q) {
     return 0;
 }
 
-// Step 6c. The carry keeps the average rate right when frames arrive a
+// The rate limit. The carry keeps the average rate right when frames arrive a
 // little after their turn. True when the frame is dropped.
 bool RateLimited(ReadStep *q) {
     SharedMemBufClient *client = q->client;
@@ -67,7 +67,7 @@ bool RateLimited(ReadStep *q) {
     return false;
 }
 
-// Step 6: every filter runs; dwReason keeps the last one that fired.
+// The filters: every one runs; dwReason keeps the last one that fired.
 bool Filtered(ReadStep *q, const shm::Thinning &thinning) {
     uint32_t flags = q->request->dwReadFlags;
     uint32_t frameFlags = shm::LoadWord(q->ring->atFrame[q->candidate].dwFlags);
@@ -89,7 +89,7 @@ bool Filtered(ReadStep *q, const shm::Thinning &thinning) {
     return dropped;
 }
 
-// Step 9: the pin. Under the ring's lock the writer's mark and the pin
+// The pin. Under the ring's lock the writer's mark and the pin
 // exclude each other, so a frame is either pinned or claimed, never both.
 // The tick test catches an entry rewritten since it was chosen.
 bool Pin(ReadStep *q) {
@@ -129,7 +129,7 @@ void Deliver(ReadStep *q) {
                        __ATOMIC_RELAXED);
 }
 
-// Steps 2 to 8: everything between choosing and pinning. -1 ends the
+// Everything between choosing and pinning. -1 ends the
 // query; a dropped frame moves the cursor onto it.
 int Decide(ReadStep *q) {
     q->order = SharedMem_DWComparator(q->request->dwRefTimeTick, q->tick, &q->distance);

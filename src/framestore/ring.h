@@ -90,6 +90,29 @@ inline bool HasPins(const uint8_t (&counts)[16]) {
     return memcmp(counts, g_abyNULLArray, sizeof counts) != 0;
 }
 
+// Address of entry `index`'s frame when its offset and size lie inside
+// the ring's data area, else null: both come from the segment.
+inline uint8_t *FrameData(void *base, const SharedMemSectorHeader *ring, int index) {
+    if (!InTable(index)) return nullptr;
+    uint32_t offset = LoadWord(ring->atFrame[index].dwOffset);
+    uint32_t size = LoadWord(ring->atFrame[index].dwSize);
+    uint32_t end = ring->dwEndOffset;
+    if (offset < ring->dwStartOffset || end > ring->dwTotalSize || offset > end ||
+        size > end - offset) {
+        return nullptr;
+    }
+    return AtOffset(base, offset);
+}
+
+// The filters of the tick and slot searches: SHM_SEARCH_COMPLETE passes
+// over entries being written or given up, SHM_SEARCH_UNPINNED over pinned
+// ones, SHM_SEARCH_ANY over none.
+inline bool FilterRejects(uint32_t filter, uint32_t flags, const uint8_t (&counts)[16]) {
+    if (filter == SHM_SEARCH_COMPLETE) return (flags & (SHM_FRAME_WRITING | SHM_FRAME_ERROR)) != 0;
+    if (filter == SHM_SEARCH_UNPINNED) return HasPins(counts);
+    return false;
+}
+
 inline bool PinsCounted(int attachId) {
     return static_cast<uint32_t>(attachId) <= kRingPinMask;
 }

@@ -188,11 +188,9 @@ MOLK_API int SharedMem_GetRequestTimeTick(uint32_t dwReserved, SharedMemFrameEnt
                                           uint32_t *pdwFound, uint32_t dwDirection) {
     (void)dwReserved;
     if (ptEntry == nullptr || pdwBestTick == nullptr || pdwFound == nullptr) return -1;
-    uint32_t flags = LoadWord(ptEntry->dwFlags);
-    if (dwFilter == SHM_SEARCH_COMPLETE && (flags & (SHM_FRAME_WRITING | SHM_FRAME_ERROR))) {
+    if (shm::FilterRejects(dwFilter, LoadWord(ptEntry->dwFlags), ptEntry->abyAccessCount)) {
         return -1;
     }
-    if (dwFilter == SHM_SEARCH_UNPINNED && shm::HasPins(ptEntry->abyAccessCount)) return -1;
     uint32_t tick = LoadWord(ptEntry->dwTimeTick);
     if (*pdwFound != 0) {
         if (dwDirection == SHM_SEARCH_FORWARD) {
