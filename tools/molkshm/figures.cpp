@@ -1,5 +1,8 @@
 // A sector's figures for `info` and `top`. Nothing here takes a lock: the
-// figures of a sector under a running writer may mix two moments.
+// figures of a sector under a running writer may mix two moments, and a
+// read-through slot being filled may count with its former frame.
+#include <cstring>
+
 #include "molkshm.h"
 
 namespace {
@@ -32,7 +35,18 @@ bool IsCompleted(const SharedMemCacheEntry &e) {
     return e.dwTimeTick != 0 && (e.dwFlags & (SHM_FRAME_WRITING | SHM_FRAME_ERROR)) == 0;
 }
 
-SectorFigures CacheFigures(const SharedMemCacheHeader *cache) {
+// When the item was made. A read-through slot's own tick is that of the
+// reader's request; the copied frame's tick is its first data word.
+uint32_t ItemTick(const SharedMemBlockInfo *info, const SharedMemCacheHeader *cache,
+                  const SharedMemCacheEntry &e) {
+    if (!IsReadThroughCache(cache)) return e.dwTimeTick;
+    if (e.dwOffset < cache->dwStartOffset || e.dwOffset > cache->dwEndOffset - 4) return 0;
+    uint32_t tick;
+    memcpy(&tick, static_cast<const uint8_t *>(info->pvDataBase) + e.dwOffset, 4);
+    return tick;
+}
+
+SectorFigures CacheFigures(const SharedMemBlockInfo *info, const SharedMemCacheHeader *cache) {
     SectorFigures f = {};
     f.ok = true;
     int last = cache->iPrimaryBoundary < SHM_CACHE_ENTRIES ? cache->iPrimaryBoundary
@@ -45,12 +59,9 @@ SectorFigures CacheFigures(const SharedMemCacheHeader *cache) {
     for (int i = 0; i <= last; ++i) {
         const SharedMemCacheEntry &e = cache->atCache[i];
         if (!IsCompleted(e)) continue;
-        if (f.frames == 0 || SharedMem_DWComparator(e.dwTimeTick, oldest, nullptr) < 0) {
-            oldest = e.dwTimeTick;
-        }
-        if (f.frames == 0 || SharedMem_DWComparator(e.dwTimeTick, newest, nullptr) > 0) {
-            newest = e.dwTimeTick;
-        }
+        uint32_t tick = ItemTick(info, cache, e);
+        if (f.frames == 0 || SharedMem_DWComparator(tick, oldest, nullptr) < 0) oldest = tick;
+        if (f.frames == 0 || SharedMem_DWComparator(tick, newest, nullptr) > 0) newest = tick;
         ++f.frames;
         f.bytes += e.dwSize;
     }
@@ -67,7 +78,7 @@ SectorFigures CacheFigures(const SharedMemCacheHeader *cache) {
 SectorFigures QueryFigures(SharedMemBlockInfo *info, int index) {
     const SharedMemSectorHeader *sector = SectorAt(info, index);
     if (sector->dwSectorType == SHM_SECTOR_CACHE) {
-        return CacheFigures(reinterpret_cast<const SharedMemCacheHeader *>(sector));
+        return CacheFigures(info, reinterpret_cast<const SharedMemCacheHeader *>(sector));
     }
     // AttachID 16: a handle that pins nothing and clears no cache counters.
     SharedMemHandle *handle = nullptr;
