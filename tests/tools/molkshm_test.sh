@@ -1,6 +1,7 @@
 #!/bin/sh
-# molkshm against a real block: create, info, reset, delete, and the exit
-# codes of bad requests. Run inside isolated.sh.
+# molkshm against a real block: create, info, reset, delete, the cache
+# sector commands and top, and the exit codes of bad requests. Run inside
+# isolated.sh.
 # Usage: molkshm_test.sh [EMULATOR...] MOLKSHM
 set -u
 fails=0
@@ -14,6 +15,13 @@ check() {  # description, expected exit code, command...
 }
 expect_in() {  # description, text
   case "$LAST" in *"$2"*) ;; *) echo "FAIL: $1: '$2' not in output:"; echo "$LAST"; fails=$((fails + 1));; esac
+}
+expect_not() {  # description, text
+  case "$LAST" in *"$2"*) echo "FAIL: $1: '$2' in output:"; echo "$LAST"; fails=$((fails + 1));; esac
+}
+expect_lines() {  # description, text, count of lines that hold it
+  n=$(printf '%s\n' "$LAST" | grep -cF -- "$2")
+  if [ "$n" != "$3" ]; then echo "FAIL: $1: $n lines with '$2', expected $3"; fails=$((fails + 1)); fi
 }
 tool="$*"
 
@@ -47,6 +55,49 @@ check "reset" 0 $tool reset 0x5a5a 1
 check "reset bad sector" 1 $tool reset 0x5a5a 2
 check "reset bad number" 1 $tool reset 0x5a5a one
 check "delete" 0 $tool delete 0x5a5a
+
+# Cache sectors: a direct writer and its reader, a ring read through its
+# cache, the slot table, and top, one plain block per refresh.
+k=0x5a5c
+check "create with caches" 0 $tool create $k 16M 8M-video 2M~64K~streaming 160K~16K~snapshots
+check "cache-write" 0 $tool cache-write $k snapshots --rate 0 --count 12 --size 1000 --class 3
+expect_in "cache-write tally" "12 items offered, 12 written (11 KiB), 0 refused"
+check "cache-write too large" 1 $tool cache-write $k snapshots --size 16385 --count 1
+check "cache-write to a ring" 1 $tool cache-write $k video --count 1
+check "cache-write bad class" 1 $tool cache-write $k snapshots --class 65536
+check "read a cache sector" 0 $tool read $k snapshots --count 10 --verify
+expect_in "oldest item first" "item slot  2 tick"
+expect_in "its class" "flags 0x00030000 class 3"
+expect_lines "ten items, all whole" "item slot" 10
+expect_not "no torn item" "BAD"
+check "read another class" 0 $tool read $k snapshots --class 4 --seconds 1 --summary --label c4
+expect_in "nothing of class 4" "0 items"
+check "write for the cache" 0 $tool write $k video --rate 0 --count 20 --size 1000
+check "read via cache" 0 $tool read $k video --attach 1 --flags via_cache,from_oldest --count 3 --verify
+expect_lines "each frame a copy" "cache slot" 3
+expect_not "copies whole" "BAD"
+check "info" 0 $tool info $k
+expect_in "ring figures" "20 frames, 23000 bytes stored"
+expect_in "read-through key" "flags 0x00000000 ring sector 0 entry 0 (current)"
+expect_in "direct item" "flags 0x00030000 class 3"
+expect_in "latest and oldest" "slot  1 +  size"
+check "top once" 0 $tool top $k --count 1
+expect_lines "one block" "SECTOR  TAG" 1
+expect_in "ring row" "     0  video            ring"
+expect_in "cache row" "     2  snapshots        cache"
+expect_in "slots in use" "10/10"
+check "top bad count" 1 $tool top $k --count 0
+$tool read $k video --attach 5 --flags in_place --hold 60000 --count 1 > /tmp/holder.out 2>&1 &
+holder=$!
+i=0; while ! grep -q "^frame" /tmp/holder.out && [ $i -lt 600 ]; do sleep 0.1; i=$((i + 1)); done
+check "top sees a stuck pin" 0 $tool top $k --count 3 --stuck-after 1
+expect_in "stuck pin" "stuck: AttachID 5 on sector 0 entry"
+expect_lines "a block per refresh" "SECTOR  TAG" 3
+kill $holder; wait $holder 2>/dev/null
+check "delete with caches" 0 $tool delete $k
+
+check "help" 0 $tool --help
+expect_lines "an example per command" "  molkshm " 18
 check "info after delete" 1 $tool info 0x5a5a
 check "delete missing" 1 $tool delete 0x5a5a
 check "bad key" 1 $tool info 12z

@@ -23,7 +23,15 @@ void PrintPinsPerAttachId(const uint8_t (*counts)[16], size_t stride, int entrie
     printf("%s\n", any ? "" : " none");
 }
 
-void PrintRing(int index, const SharedMemSectorHeader *ring) {
+void PrintRingFigures(SharedMemBlockInfo *info, int index) {
+    SectorFigures f = QueryFigures(info, index);
+    if (!f.ok) return;
+    printf("    %u.%03u fps, %u kbit/s now, %u kbit/s average, %u ms, %u frames, %u bytes stored\n",
+           f.fpsMilli / 1000, f.fpsMilli % 1000, f.kbpsNow, f.kbpsAverage, f.durationMs, f.frames,
+           f.bytes);
+}
+
+void PrintRing(SharedMemBlockInfo *info, int index, const SharedMemSectorHeader *ring) {
     printf("sector %d: ring%s tag '%s' second tag '%s'\n", index,
            ring->byTimeshift ? " (timeshift)" : "", ring->szTag, ring->szSecondTag);
     printf("    data %u..%u (%u bytes), write offset %u, duration %u ms\n", ring->dwStartOffset,
@@ -31,12 +39,13 @@ void PrintRing(int index, const SharedMemSectorHeader *ring) {
            ring->dwDuration);
     printf("    oldest %d latest %d write %d boundary %d max %d\n", ring->iOldestIndex,
            ring->iLatestIndex, ring->iWriteIndex, ring->iBoundaryIndex, ring->iMaxIndex);
+    PrintRingFigures(info, index);
     PrintPinsPerAttachId(&ring->atFrame[0].abyAccessCount, sizeof ring->atFrame[0],
                          SHM_FRAME_ENTRIES);
     PrintRingDetail(ring);
 }
 
-void PrintCache(int index, const SharedMemCacheHeader *cache) {
+void PrintCache(const SharedMemBlockInfo *info, int index, const SharedMemCacheHeader *cache) {
     printf("sector %d: cache tag '%s'\n", index, cache->szTag);
     printf("    data %u..%u (%u bytes), slot %u bytes, secondary %u, left %u\n",
            cache->dwStartOffset, cache->dwEndOffset, cache->dwEndOffset - cache->dwStartOffset,
@@ -46,6 +55,7 @@ void PrintCache(int index, const SharedMemCacheHeader *cache) {
            cache->iSecondaryBoundary, cache->iSecondaryEnd);
     PrintPinsPerAttachId(&cache->atCache[0].abyAccessCount, sizeof cache->atCache[0],
                          SHM_CACHE_ENTRIES);
+    PrintCacheDetail(info, cache);
 }
 
 }  // namespace
@@ -56,18 +66,15 @@ int CmdInfo(int argc, char **argv) {
     if (!ParseKey(argv[1], &key)) return Fail("bad key '%s'", argv[1]);
     SharedMemBlockInfo *info = AttachOrFail(key);
     if (info == nullptr) return 1;
-    const uint8_t *slots = static_cast<const uint8_t *>(info->pvHeaderBase);
-    const SharedMemSectorHeader *first =
-        static_cast<const SharedMemSectorHeader *>(info->pvHeaderBase);
+    const SharedMemSectorHeader *first = SectorAt(info, 0);
     printf("block 0x%x: %u bytes, %d sectors, semaphore set %d\n", static_cast<unsigned>(key),
            first->dwTotalSize, info->iSectorNum, info->iSemId);
     for (int i = 0; i < info->iSectorNum; ++i) {
-        const void *slot = slots + static_cast<size_t>(i) * SHM_HEADER_SLOT_SIZE;
-        uint32_t type = static_cast<const SharedMemSectorHeader *>(slot)->dwSectorType;
-        if (type == SHM_SECTOR_CACHE) {
-            PrintCache(i, static_cast<const SharedMemCacheHeader *>(slot));
+        const SharedMemSectorHeader *slot = SectorAt(info, i);
+        if (slot->dwSectorType == SHM_SECTOR_CACHE) {
+            PrintCache(info, i, reinterpret_cast<const SharedMemCacheHeader *>(slot));
         } else {
-            PrintRing(i, static_cast<const SharedMemSectorHeader *>(slot));
+            PrintRing(info, i, slot);
         }
     }
     SharedMemBlock_Detach(&info);

@@ -1,14 +1,18 @@
 // molkshm read: a reader as a device process would run one, printing what
-// it receives frame by frame or as a summary per second.
+// it receives frame by frame or as a summary per second. A ring is read
+// with SharedMem_QueryReadBuffer (in place or through its cache sector), a
+// cache sector directly (read_cache_sector.cpp).
 #include <getopt.h>
-#include <signal.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
-#include "molkshm.h"
+#include "read.h"
+
+volatile sig_atomic_t g_readStop = 0;
 
 namespace {
 
@@ -42,21 +46,7 @@ const char *const kReasonNames[] = {
 };
 constexpr unsigned kReasons = sizeof kReasonNames / sizeof kReasonNames[0];
 
-volatile sig_atomic_t g_stop = 0;
-void OnSignal(int) { g_stop = 1; }
-
-struct ReadOptions {
-    int attachId = 16;
-    uint32_t flags = SHM_READ_IN_PLACE;
-    uint32_t delay = 0;
-    uint32_t refTick = 0;        // 0: the current tick at every query
-    uint32_t interval = 0;
-    uint32_t window = 0;
-    unsigned long count = 0;     // frames to deliver; 0: no limit
-    unsigned long seconds = 0;   // 0: until interrupted
-    bool summary = false;
-    const char *label = "read";
-};
+void OnSignal(int) { g_readStop = 1; }
 
 bool ParseFlags(const char *text, uint32_t *flags) {
     char copy[512];
@@ -90,7 +80,9 @@ int ParseReadOptions(int argc, char **argv, ReadOptions *o) {
         {"interval", required_argument, nullptr, 'i'}, {"layer", required_argument, nullptr, 'l'},
         {"window", required_argument, nullptr, 'w'}, {"count", required_argument, nullptr, 'n'},
         {"seconds", required_argument, nullptr, 's'}, {"summary", no_argument, nullptr, 'S'},
-        {"label", required_argument, nullptr, 'L'},  {nullptr, 0, nullptr, 0},
+        {"label", required_argument, nullptr, 'L'},  {"hold", required_argument, nullptr, 'h'},
+        {"class", required_argument, nullptr, 'c'},  {"verify", no_argument, nullptr, 'v'},
+        {nullptr, 0, nullptr, 0},
     };
     uint32_t layer = 0;
     unsigned long attach = 0;
@@ -112,6 +104,9 @@ int ParseReadOptions(int argc, char **argv, ReadOptions *o) {
         case 's': ok = ParseUnsigned(optarg, &o->seconds); break;
         case 'S': o->summary = true; break;
         case 'L': o->label = optarg; break;
+        case 'h': ok = ParseU32(optarg, &o->hold); break;
+        case 'c': ok = ParseU32(optarg, &o->cacheClass); break;
+        case 'v': o->verify = true; break;
         default: return Fail("unknown option (see molkshm with no arguments)");
         }
         if (!ok) return Fail("bad value '%s'", optarg);
@@ -120,21 +115,19 @@ int ParseReadOptions(int argc, char **argv, ReadOptions *o) {
     return 0;
 }
 
-double Now() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<double>(ts.tv_sec) + ts.tv_nsec / 1e9;
-}
-
 struct Tally {
-    unsigned long frames, keyFrames, bytes;
+    unsigned long frames, keyFrames, bytes, viaCache, bad;
     double lagSum;
     unsigned long reasons[kReasons];
 };
 
-void PrintSummary(const ReadOptions &o, const Tally &t, double elapsed) {
-    printf("[%s] %5.1fs: %lu frames (%lu key), %lu KiB, lag %.0f ms", o.label, elapsed, t.frames,
-           t.keyFrames, t.bytes / 1024, t.frames != 0 ? t.lagSum / t.frames : 0.0);
+// One line per second, and at the end the whole run's line marked "total".
+void PrintSummary(const ReadOptions &o, const Tally &t, double elapsed, bool total) {
+    printf("[%s]%s %5.1fs: %lu frames (%lu key), %lu KiB, lag %.0f ms", o.label,
+           total ? " total" : "", elapsed, t.frames, t.keyFrames, t.bytes / 1024,
+           t.frames != 0 ? t.lagSum / t.frames : 0.0);
+    if (t.viaCache != 0) printf(", %lu via cache", t.viaCache);
+    if (o.verify) printf(", %lu bad", t.bad);
     for (unsigned r = 1; r < kReasons; ++r) {
         if (t.reasons[r] != 0) printf(", %s %lu", kReasonNames[r], t.reasons[r]);
     }
@@ -142,44 +135,68 @@ void PrintSummary(const ReadOptions &o, const Tally &t, double elapsed) {
     fflush(stdout);
 }
 
+void Add(Tally *total, const Tally &t) {
+    total->frames += t.frames;
+    total->keyFrames += t.keyFrames;
+    total->bytes += t.bytes;
+    total->viaCache += t.viaCache;
+    total->bad += t.bad;
+    total->lagSum += t.lagSum;
+    for (unsigned r = 0; r < kReasons; ++r) total->reasons[r] += t.reasons[r];
+}
+
+// dwHoldType 2: the client holds a copy in a cache slot, not the ring entry.
+constexpr uint32_t kHeldInCache = 2;
+
 void PrintFrame(const SharedMemBufClient *client, const SharedMemSectorHeader *ring,
-                const SharedMemReadRequest &request, uint32_t size) {
+                const SharedMemReadRequest &request, uint32_t size, bool bad) {
     uint32_t reason = request.dwReason;
-    printf("frame %4d tick %10u size %7u flags 0x%05x %s lag %u ms reason %s\n",
+    printf("frame %4d tick %10u size %7u flags 0x%05x %s lag %u ms reason %s",
            client->iDeliveredIndex, client->dwDeliveredTimeTick, size,
            ring->atFrame[client->iDeliveredIndex].dwFlags,
            (ring->atFrame[client->iDeliveredIndex].dwFlags & SHM_FRAME_P) ? "P  " : "KEY",
            request.dwDelay, reason < kReasons ? kReasonNames[reason] : "?");
+    if (client->dwHoldType == kHeldInCache) printf(" cache slot %d", client->iCacheSlot);
+    printf("%s\n", bad ? " BAD" : "");
     fflush(stdout);
+}
+
+void Count(Tally *t, const SharedMemBufClient *client, const SharedMemFrameEntry &e,
+           const SharedMemReadRequest &request, uint32_t size, bool bad) {
+    t->frames++;
+    t->keyFrames += (e.dwFlags & SHM_FRAME_P) == 0;
+    t->bytes += size;
+    t->viaCache += client->dwHoldType == kHeldInCache;
+    t->bad += bad;
+    t->lagSum += request.dwDelay;
+    if (request.dwReason < kReasons) t->reasons[request.dwReason]++;
 }
 
 // Reads until the count, the time or a signal ends it. Returns the exit code.
 int ReadLoop(SharedMemHandle *handle, const ReadOptions &o) {
     SharedMemBufClient *client = nullptr;
-    Tally tally = {};
+    Tally tally = {}, total = {};
     double start = Now(), lastReport = start;
     unsigned long delivered = 0;
     int rc = 0;
-    while (!g_stop && (o.count == 0 || delivered < o.count)) {
-        double now = Now();
-        if (o.seconds != 0 && now - start >= static_cast<double>(o.seconds)) break;
-        if (o.summary && now - lastReport >= 1.0) {
-            PrintSummary(o, tally, now - start);
+    while (KeepReading(o, delivered, start)) {
+        if (o.summary && Now() - lastReport >= 1.0) {
+            PrintSummary(o, tally, Now() - start, false);
+            Add(&total, tally);
             tally = Tally{};
-            lastReport = now;
+            lastReport = Now();
         }
-        SharedMemReadRequest request = {o.flags, o.delay, o.refTick, o.window, 0, o.interval, 0, 0};
+        SharedMemReadRequest request = {o.flags, o.delay, o.refTick, o.window, 0, o.interval,
+                                        o.cacheClass, 0};
         uint8_t *data = nullptr;
         uint32_t size = 0;
         if (SharedMem_QueryReadBuffer(handle, &client, &data, &size, &request) == 0) {
             ++delivered;
-            const SharedMemFrameEntry &e = handle->ptHeader->atFrame[client->iDeliveredIndex];
-            tally.frames++;
-            tally.keyFrames += (e.dwFlags & SHM_FRAME_P) == 0;
-            tally.bytes += size;
-            tally.lagSum += request.dwDelay;
-            if (request.dwReason < kReasons) tally.reasons[request.dwReason]++;
-            if (!o.summary) PrintFrame(client, handle->ptHeader, request, size);
+            bool bad = o.verify && !CheckPattern(data, size);
+            Count(&tally, client, handle->ptHeader->atFrame[client->iDeliveredIndex], request,
+                  size, bad);
+            if (!o.summary) PrintFrame(client, handle->ptHeader, request, size, bad);
+            HoldFrame(o);
             SharedMem_ReleaseReadBuffer(client);
             continue;
         }
@@ -191,12 +208,29 @@ int ReadLoop(SharedMemHandle *handle, const ReadOptions &o) {
         // Dropped frames move the cursor on: try the next one at once.
         if (request.dwReason < SHM_REASON_NOT_YET) usleep(2000);
     }
-    if (o.summary) PrintSummary(o, tally, Now() - start);
+    if (o.summary) {
+        PrintSummary(o, tally, Now() - start, false);
+        Add(&total, tally);
+        PrintSummary(o, total, Now() - start, true);
+    }
     SharedMem_FreeBufClient(&client);
     return rc;
 }
 
 }  // namespace
+
+void HoldFrame(const ReadOptions &o) {
+    if (o.hold == 0) return;
+    struct timespec left = {static_cast<time_t>(o.hold / 1000),
+                            static_cast<long>(o.hold % 1000) * 1000000L};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR && !g_readStop) {
+    }
+}
+
+bool KeepReading(const ReadOptions &o, unsigned long delivered, double start) {
+    if (g_readStop || (o.count != 0 && delivered >= o.count)) return false;
+    return o.seconds == 0 || Now() - start < static_cast<double>(o.seconds);
+}
 
 int CmdRead(int argc, char **argv) {
     key_t key;
@@ -214,7 +248,8 @@ int CmdRead(int argc, char **argv) {
     }
     signal(SIGINT, OnSignal);
     signal(SIGTERM, OnSignal);
-    int rc = ReadLoop(handle, options);
+    bool cache = handle->ptHeader->dwSectorType == SHM_SECTOR_CACHE;
+    int rc = cache ? ReadCacheLoop(handle, options) : ReadLoop(handle, options);
     SharedMem_Release(&handle);
     SharedMemBlock_Detach(&info);
     return rc;

@@ -72,21 +72,6 @@ int ParseWriteOptions(int argc, char **argv, WriteOptions *o) {
     return 0;
 }
 
-// Sleeps until the deadline of frame n at the given rate.
-void WaitForFrame(const timespec &start, unsigned long n, unsigned long rate) {
-    if (rate == 0) return;
-    unsigned long long ns = static_cast<unsigned long long>(n) * 1000000000ull / rate;
-    timespec at = start;
-    at.tv_sec += static_cast<time_t>(ns / 1000000000ull);
-    at.tv_nsec += static_cast<long>(ns % 1000000000ull);
-    if (at.tv_nsec >= 1000000000L) {
-        at.tv_sec += 1;
-        at.tv_nsec -= 1000000000L;
-    }
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr) != 0 && !g_stop) {
-    }
-}
-
 struct Tally {
     unsigned long offered, written, bytes;
     unsigned long refused[5];  // by status; 0 = the lock could not be taken
@@ -109,9 +94,7 @@ void OfferFrame(SharedMemHandle *handle, const WriteOptions &o, unsigned long n,
                StatusName(status), status);
         return;
     }
-    uint32_t number = static_cast<uint32_t>(n);
-    memcpy(place, &number, size < 4 ? size : 4);
-    if (size > 4) memset(place + 4, static_cast<int>(n & 0xFF), size - 4);
+    FillPattern(place, size, static_cast<uint32_t>(n));
     SharedMemWriteInfo info = {place, flags, size, 0};  // tick 0: stamped by the library
     if (SharedMem_UpdateWritedBuffer(handle, &info) != 0) {
         printf("frame %lu: update failed\n", n);
@@ -126,7 +109,7 @@ int WriteLoop(SharedMemHandle *handle, const WriteOptions &o) {
     timespec start;
     clock_gettime(CLOCK_MONOTONIC, &start);
     for (unsigned long n = 0; !g_stop && (o.count == 0 || n < o.count); ++n) {
-        WaitForFrame(start, n, o.rate);
+        WaitForNth(start, n, o.rate, &g_stop);
         if (g_stop) break;
         OfferFrame(handle, o, n, &tally);
     }
