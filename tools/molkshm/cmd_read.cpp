@@ -46,6 +46,9 @@ const char *const kReasonNames[] = {
 };
 constexpr unsigned kReasons = sizeof kReasonNames / sizeof kReasonNames[0];
 
+constexpr uint32_t kWaitSliceMs = 200;  // longest sleep before the loop looks around
+constexpr uint32_t kRetryMs = 2;        // pause before asking again after a refusal
+
 void OnSignal(int) { g_readStop = 1; }
 
 bool ParseFlags(const char *text, uint32_t *flags) {
@@ -82,7 +85,7 @@ int ParseReadOptions(int argc, char **argv, ReadOptions *o) {
         {"seconds", required_argument, nullptr, 's'}, {"summary", no_argument, nullptr, 'S'},
         {"label", required_argument, nullptr, 'L'},  {"hold", required_argument, nullptr, 'h'},
         {"class", required_argument, nullptr, 'c'},  {"verify", no_argument, nullptr, 'v'},
-        {nullptr, 0, nullptr, 0},
+        {"poll", required_argument, nullptr, 'p'},   {nullptr, 0, nullptr, 0},
     };
     uint32_t layer = 0;
     unsigned long attach = 0;
@@ -107,6 +110,7 @@ int ParseReadOptions(int argc, char **argv, ReadOptions *o) {
         case 'h': ok = ParseU32(optarg, &o->hold); break;
         case 'c': ok = ParseU32(optarg, &o->cacheClass); break;
         case 'v': o->verify = true; break;
+        case 'p': ok = ParseU32(optarg, &o->poll) && o->poll != 0; break;
         default: return Fail("unknown option (see molkshm with no arguments)");
         }
         if (!ok) return Fail("bad value '%s'", optarg);
@@ -205,8 +209,15 @@ int ReadLoop(SharedMemHandle *handle, const ReadOptions &o) {
             rc = Fail("read failed with reason %s", kReasonNames[request.dwReason]);
             break;
         }
-        // Dropped frames move the cursor on: try the next one at once.
-        if (request.dwReason < SHM_REASON_NOT_YET) usleep(2000);
+        // Dropped frames move the cursor on: try the next one at once. On
+        // the latest frame, sleep until the writer publishes (a slice at a
+        // time, so that the time limit and signals are heard), unless asked
+        // to poll.
+        if (request.dwReason == SHM_REASON_LATEST && o.poll == 0) {
+            SharedMem_WaitReadBuffer(handle, client, kWaitSliceMs);
+        } else if (request.dwReason < SHM_REASON_NOT_YET) {
+            usleep((o.poll != 0 ? o.poll : kRetryMs) * 1000);
+        }
     }
     if (o.summary) {
         PrintSummary(o, tally, Now() - start, false);

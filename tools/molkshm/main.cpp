@@ -15,7 +15,7 @@ const MolkshmCommand kCommands[] = {
     {"delete", "KEY", CmdDelete},
     {"read", "KEY TAG [--attach ID] [--flags NAME,...] [--delay MS] [--ref TICK]\n"
              "           [--interval MS] [--layer N] [--window MS] [--count N] [--seconds S]\n"
-             "           [--summary] [--label TEXT] [--hold MS] [--class N] [--verify]",
+             "           [--summary] [--label TEXT] [--hold MS] [--class N] [--verify] [--poll MS]",
      CmdRead},
     {"stamp", "PATH [TICK|now|0]", CmdStamp},
     {"write", "KEY TAG [--size B] [--key-size B] [--rate FPS] [--key-every N] [--count N] [--unread-every N] [--attach ID]", CmdWrite},

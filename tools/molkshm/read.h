@@ -19,6 +19,7 @@ struct ReadOptions {
     unsigned long seconds = 0;   // 0: until interrupted
     bool summary = false;
     bool verify = false;         // check the payload of `write` / `cache-write`
+    uint32_t poll = 0;           // ms between queries on the latest frame; 0: sleep until woken
     const char *label = "read";
 };
 
