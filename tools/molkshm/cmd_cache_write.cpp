@@ -106,13 +106,9 @@ int CmdCacheWrite(int argc, char **argv) {
     CacheWriteOptions options;
     if (ParseCacheWriteOptions(argc - 2, argv + 2, &options) != 0) return 1;
 
-    SharedMemBlockInfo *info = AttachOrFail(key);
-    if (info == nullptr) return 1;
-    SharedMemHandle *handle = nullptr;
-    if (SharedMem_InitialByTag(info, &handle, tag, 16) != 0) {
-        SharedMemBlock_Detach(&info);
-        return Fail("no sector tagged '%s'", tag);
-    }
+    SharedMemBlockInfo *info = nullptr;
+    SharedMemHandle *handle = OpenSectorOrFail(key, tag, 16, &info);
+    if (handle == nullptr) return 1;
     const SharedMemCacheHeader *cache =
         reinterpret_cast<const SharedMemCacheHeader *>(handle->ptHeader);
     int rc = 0;
@@ -126,7 +122,6 @@ int CmdCacheWrite(int argc, char **argv) {
         signal(SIGTERM, OnSignal);
         rc = CacheWriteLoop(handle, options);
     }
-    SharedMem_Release(&handle);
-    SharedMemBlock_Detach(&info);
+    CloseSector(&handle, &info);
     return rc;
 }

@@ -250,18 +250,13 @@ int CmdRead(int argc, char **argv) {
     const char *tag = argv[2];
     ReadOptions options;
     if (ParseReadOptions(argc - 2, argv + 2, &options) != 0) return 1;
-    SharedMemBlockInfo *info = AttachOrFail(key);
-    if (info == nullptr) return 1;
-    SharedMemHandle *handle = nullptr;
-    if (SharedMem_InitialByTag(info, &handle, tag, options.attachId) != 0) {
-        SharedMemBlock_Detach(&info);
-        return Fail("no sector tagged '%s'", tag);
-    }
+    SharedMemBlockInfo *info = nullptr;
+    SharedMemHandle *handle = OpenSectorOrFail(key, tag, options.attachId, &info);
+    if (handle == nullptr) return 1;
     signal(SIGINT, OnSignal);
     signal(SIGTERM, OnSignal);
     bool cache = handle->ptHeader->dwSectorType == SHM_SECTOR_CACHE;
     int rc = cache ? ReadCacheLoop(handle, options) : ReadLoop(handle, options);
-    SharedMem_Release(&handle);
-    SharedMemBlock_Detach(&info);
+    CloseSector(&handle, &info);
     return rc;
 }

@@ -133,14 +133,9 @@ int CmdWrite(int argc, char **argv) {
     WriteOptions options;
     if (ParseWriteOptions(argc - 2, argv + 2, &options) != 0) return 1;
 
-    SharedMemBlockInfo *info = AttachOrFail(key);
-    if (info == nullptr) return 1;
-    SharedMemHandle *handle = nullptr;
-    if (SharedMem_InitialByTag(info, &handle, tag, options.attachId) != 0) {
-        SharedMemBlockInfo *attached = info;
-        SharedMemBlock_Detach(&attached);
-        return Fail("no sector tagged '%s'", tag);
-    }
+    SharedMemBlockInfo *info = nullptr;
+    SharedMemHandle *handle = OpenSectorOrFail(key, tag, options.attachId, &info);
+    if (handle == nullptr) return 1;
     int rc = 0;
     if (handle->ptHeader->dwSectorType != SHM_SECTOR_RING) {
         rc = Fail("sector '%s' is not a ring", tag);
@@ -149,7 +144,6 @@ int CmdWrite(int argc, char **argv) {
         signal(SIGTERM, OnSignal);
         rc = WriteLoop(handle, options);
     }
-    SharedMem_Release(&handle);
-    SharedMemBlock_Detach(&info);
+    CloseSector(&handle, &info);
     return rc;
 }

@@ -110,6 +110,24 @@ bool IsReadThroughCache(const SharedMemCacheHeader *cache) {
            strncmp(cache->szTag, "recorder", SHM_TAG_MAX) == 0;
 }
 
+SharedMemHandle *OpenSectorOrFail(key_t key, const char *tag, int attachId,
+                                  SharedMemBlockInfo **info) {
+    *info = AttachOrFail(key);
+    if (*info == nullptr) return nullptr;
+    SharedMemHandle *handle = nullptr;
+    if (SharedMem_InitialByTag(*info, &handle, tag, attachId) != 0) {
+        SharedMemBlock_Detach(info);
+        Fail("no sector tagged '%s'", tag);
+        return nullptr;
+    }
+    return handle;
+}
+
+void CloseSector(SharedMemHandle **handle, SharedMemBlockInfo **info) {
+    SharedMem_Release(handle);
+    SharedMemBlock_Detach(info);
+}
+
 int main(int argc, char **argv) {
     if (argc < 2) return Usage();
     if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) return Help();

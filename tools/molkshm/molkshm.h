@@ -22,6 +22,11 @@ bool ParseUnsigned(const char *text, unsigned long *value);
 int Fail(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 // Attaches the block under key, or reports why not.
 SharedMemBlockInfo *AttachOrFail(key_t key);
+// Attaches the block under key and opens the sector tagged `tag`, or
+// reports why not; CloseSector gives both back.
+SharedMemHandle *OpenSectorOrFail(key_t key, const char *tag, int attachId,
+                                  SharedMemBlockInfo **info);
+void CloseSector(SharedMemHandle **handle, SharedMemBlockInfo **info);
 
 int CmdCreate(int argc, char **argv);
 int CmdInfo(int argc, char **argv);
