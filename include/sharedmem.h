@@ -341,7 +341,9 @@ MOLK_API int SharedMem_IsInsideMargin(SharedMemSectorHeader *ptHeader, uint32_t 
  * The waiting state lives beside the block, in the POSIX shared-memory
  * object "/molkutil.wait.<key in hex>" that the allocator or the first
  * attach makes and SharedMemBlock_Delete removes; the segment's layout is
- * untouched. A writer process that does not wake (an older build, or a
+ * untouched; rings with a sector index above 255 are not woken. A process
+ * keeps the companions of at most 16 attached blocks. A writer process
+ * that does not wake (an older build, or a
  * process that writes without this library) costs a waiter no more than
  * its timeout: the frame is seen when the timeout ends. A waiter killed in
  * its sleep is dropped from the count by the next writer or waiter that
