@@ -25,6 +25,18 @@
  * MOLK_XML_OutOfElem answer 1 (yes) or 0 (no) instead.
  *
  * A handle and its text belong to one thread at a time.
+ *
+ * Behaviour on unusual input. Where two readings were possible, this is
+ * what the library does, and why:
+ *
+ * - The tokens of an end tag count by their bytes, quoted or not, and a
+ *   quoted token starts behind its quote: "<a></\"a\">" closes a, and so
+ *   does "<a></a \">\"", whose end tag closes on the '>' right behind the
+ *   quote (that offset is iEndTagClose). Whether that quote has a partner
+ *   does not matter, so "<a></a \">" closes a too, and no text written
+ *   behind the end tag changes the answer. A quote followed by anything
+ *   else, or standing last before the length, leaves the end tag not
+ *   completed.
  */
 #ifndef MOLKXMLPROCESSOR_H
 #define MOLKXMLPROCESSOR_H

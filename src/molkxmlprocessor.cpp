@@ -338,6 +338,15 @@ inline char first_byte(const XmlToken *t)
     return t->iEnd >= t->iStart ? t->pDoc[t->iStart] : '\0';
 }
 
+/* Whether a token begins with `c`: the byte at its start, below `len`. A
+ * quoted token that finds no partner is empty but still starts right behind
+ * its quote, so the answer never depends on where, or whether, a partner
+ * follows: text that a later edit writes behind the token cannot change it. */
+inline bool starts_with(const XmlToken *t, int len, char c)
+{
+    return t->iStart < len && t->pDoc[t->iStart] == c;
+}
+
 inline int token_len(const XmlToken *t)
 {
     const int n = t->iEnd - t->iStart + 1;
@@ -620,15 +629,15 @@ int close_element(Parser &p, const Frame &f)
     XmlToken t;
     CreatToken(&t, d);
     t.iNext = lt + 1;
-    // The '/' and the closing '>' are markup: a quoted token never stands
-    // for them ("</a \">\"" is no end tag).
-    if (!find_token(&t, len) || t.bQuoted || first_byte(&t) != '/')
+    // Quoted or not, each token counts by its bytes: "</\"a\">" names `a`,
+    // and "</a \">\"" is closed by the '>' behind the quote.
+    if (!find_token(&t, len) || !starts_with(&t, len, '/'))
         return parse_fail_name(p, kExpectingEnd, f);
     if (!find_token(&t, len))
         return parse_fail_name(p, kEndIncomplete, f);
     if (token_len(&t) != f.nameLen || !same_bytes(d + t.iStart, d + f.nameStart, f.nameLen))
         return parse_fail_name(p, kEndMismatch, f);
-    if (!find_token(&t, len) || t.bQuoted || first_byte(&t) != '>')
+    if (!find_token(&t, len) || !starts_with(&t, len, '>'))
         return parse_fail_name(p, kEndIncomplete, f);
     r->iEndTagClose = t.iStart;
     return f.pos;

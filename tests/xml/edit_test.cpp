@@ -50,6 +50,11 @@ TEST(XmlEdit, EditsAtTheCursor)
         {"<r//>", nullptr, MOLK_XML_AddAttrib, "k", "v", 0, "<r/ k=\"v\"/>"},
         // A self-closed tag whose '/' follows another cannot take a child.
         {"<r//>", nullptr, MOLK_XML_AddChildElem, "n", nullptr, -5, nullptr},
+        // A '>' right behind a quote closes an end tag; text written behind it,
+        // a partner quote included, leaves that so.
+        {"<r><a></a \">\"</r>", "a", MOLK_XML_AddElem, "n", nullptr, 0, "<r><a></a \"><n/>\r\n\"</r>"},
+        {"<r><a></a \"></r>", nullptr, MOLK_XML_AddChildElem, "n", "\"", 0, "<r><a></a \"><n>\"</n>\r\n</r>"},
+        {"<r><a></\"a\"></r>", "a", MOLK_XML_AddElem, "n", nullptr, 0, "<r><a></\"a\"><n/>\r\n</r>"},
         // A value whose quote has no partner in its tag is not rewritten.
         {"<r><a b=\"x>t</a><c \" e=\"1\"/></r>", "a", MOLK_XML_AddAttrib, "b", "v", -5, nullptr},
         {"<r><a b=\"x>t</a><c \" e=\"1\"/></r>", "a", MOLK_XML_AddAttrib, "e", "v", -5, nullptr},
