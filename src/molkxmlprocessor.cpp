@@ -434,9 +434,12 @@ int parse_node(XmlToken *t, int len, int limit)
             term = "-->", tlen = 3, code = NODE_COMMENT;
         } else if (c1 == '!') {
             // Document type: read by tokens, brackets nest, quotes hide.
-            // A quote without its partner ends the scan as unterminated:
-            // read on, its extent would hang on quotes far behind it, which
-            // a later edit of the document could add.
+            // A quote without its partner before the length or a NUL ends
+            // the scan as unterminated: read on, what the form hides would
+            // hang on quotes far behind it, which a later edit could write
+            // (attribute values stand between quotes) or bring inside the
+            // length it measures anew, and a fresh parse of the edited text
+            // would give another tree.
             int depth = 0;
             t->iNext = n;
             while (find_token(t, len)) {
