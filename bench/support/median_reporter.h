@@ -1,6 +1,8 @@
 // A console reporter that also keeps every repetition's time and counters,
 // so that a benchmark's Finalize can print the medians and the ratios that
-// its targets are about, after the usual table.
+// its targets are about, after the usual table. With
+// --benchmark_report_aggregates_only the repetitions never reach a
+// reporter, only their aggregates: then the "median" aggregate stands in.
 #ifndef MOLK_BENCH_SUPPORT_MEDIAN_REPORTER_H
 #define MOLK_BENCH_SUPPORT_MEDIAN_REPORTER_H
 
@@ -18,11 +20,12 @@ public:
     void ReportRuns(const std::vector<Run> &runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run &run : runs) {
-            if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
-            Result &r = results_[run.run_name.function_name + "/" + run.run_name.args];
-            r.ns.push_back(run.GetAdjustedRealTime() * NsPer(run.time_unit));
-            for (const auto &counter : run.counters) {
-                r.counters[counter.first].push_back(counter.second.value);
+            if (run.error_occurred) continue;
+            std::string name = run.run_name.function_name + "/" + run.run_name.args;
+            if (run.run_type == Run::RT_Iteration) {
+                Keep(run, &results_[name]);
+            } else if (run.aggregate_name == "median") {
+                Keep(run, &medians_[name]);
             }
         }
     }
@@ -32,8 +35,10 @@ protected:
     // the counter's name is empty; 0 when the benchmark did not run.
     // `name` is the function name, a slash and the arguments, if any.
     double Median(const std::string &name, const std::string &counter) const {
-        auto it = results_.find(name);
-        if (it == results_.end()) return 0;
+        const std::map<std::string, Result> &source =
+            results_.count(name) != 0 ? results_ : medians_;
+        auto it = source.find(name);
+        if (it == source.end()) return 0;
         std::vector<double> v;
         if (counter.empty()) {
             v = it->second.ns;
@@ -53,6 +58,13 @@ private:
         std::map<std::string, std::vector<double>> counters;
     };
 
+    static void Keep(const Run &run, Result *r) {
+        r->ns.push_back(run.GetAdjustedRealTime() * NsPer(run.time_unit));
+        for (const auto &counter : run.counters) {
+            r->counters[counter.first].push_back(counter.second.value);
+        }
+    }
+
     static double NsPer(benchmark::TimeUnit unit) {
         switch (unit) {
         case benchmark::kSecond:
@@ -66,7 +78,8 @@ private:
         }
     }
 
-    std::map<std::string, Result> results_;
+    std::map<std::string, Result> results_;  // every repetition
+    std::map<std::string, Result> medians_;  // the median aggregate alone
 };
 
 }  // namespace molkbench
