@@ -5,18 +5,27 @@
 #include <sys/shm.h>
 #include <unistd.h>
 
+#include "framestore/attachments.h"
 #include "framestore/log.h"
 #include "framestore/segment.h"
 #include "framestore/wait.h"
 
 namespace {
 
-// Slots that the mapping really holds, so that a chain of byHasNext in a
-// damaged or foreign segment cannot walk past its end.
-int SlotsInSegment(int shmId) {
+// The segment's real size, which no value inside it can change.
+uint32_t SegmentBytes(int shmId) {
     struct shmid_ds stat;
     if (shmctl(shmId, IPC_STAT, &stat) != 0) return 0;
-    return static_cast<int>(stat.shm_segsz / shm::kSlotSize);
+    return stat.shm_segsz > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(stat.shm_segsz);
+}
+
+// The header slots a walk of the sector chain may visit: those in front of
+// sector 0's data area, and never past the mapping, so that a chain of
+// byHasNext in a damaged or foreign segment stops where the headers end.
+int HeaderSlots(const void *base, uint32_t bytes) {
+    uint32_t dataStart = static_cast<const SharedMemSectorHeader *>(base)->dwStartOffset;
+    uint32_t limit = dataStart < bytes ? dataStart : bytes;
+    return static_cast<int>(limit / shm::kSlotSize);
 }
 
 }  // namespace
@@ -47,7 +56,12 @@ MOLK_API int SharedMemBlock_Attach(SharedMemBlockInfo **pptInfo, uint32_t dwRese
         return -1;
     }
     shm::ApplyDebugEnvironment();
-    int slots = SlotsInSegment(shmId);
+    uint32_t bytes = SegmentBytes(shmId);
+    int slots = bytes >= shm::kSlotSize ? HeaderSlots(base, bytes) : 0;
+    if (bytes >= shm::kSlotSize && slots < 1) {
+        shm::LogError("sector 0: dwStartOffset %u leaves no room for a header\n",
+                      static_cast<SharedMemSectorHeader *>(base)->dwStartOffset);
+    }
     if (slots < 1 || static_cast<SharedMemSectorHeader *>(base)->dwMemoryType != SHM_MEMORY_SYSV) {
         printf("Invalid memory type!!");
         shmdt(base);
@@ -60,7 +74,8 @@ MOLK_API int SharedMemBlock_Attach(SharedMemBlockInfo **pptInfo, uint32_t dwRese
     info->iSemId = semId;
     info->iSectorNum = shm::CountSectors(base, slots);
     *pptInfo = info;
-    shm::OpenWaitArea(key, base);
+    shm::WaitArea *wait = shm::OpenWaitArea(key);
+    if (!shm::Remember(base, bytes, wait)) shm::CloseWaitArea(wait);
     gShm_Clktck = static_cast<uint32_t>(sysconf(_SC_CLK_TCK));
     SHM_LOG(shm::kLevelTrace, "Shared Memory %d SectorNum %d attached to %p.\n",
             static_cast<int>(key), info->iSectorNum, base);
@@ -71,7 +86,7 @@ MOLK_API int SharedMemBlock_Detach(SharedMemBlockInfo **pptInfo) {
     if (pptInfo == nullptr || *pptInfo == nullptr) return -1;
     SharedMemBlockInfo *info = *pptInfo;
     SHM_LOG(shm::kLevelTrace, "Shared Memory %p detach!\n", info->pvHeaderBase);
-    shm::CloseWaitArea(info->pvDataBase);
+    shm::CloseWaitArea(shm::Forget(info->pvDataBase));
     shmdt(info->pvHeaderBase);
     free(info);
     *pptInfo = nullptr;

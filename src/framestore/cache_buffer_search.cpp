@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "framestore/cache.h"
+#include "framestore/sector_check.h"
 
 namespace {
 
@@ -111,7 +112,7 @@ extern "C" {
 MOLK_API int SharedMem_SearchNextBufferIndex(SharedMemCacheHeader *ptHeader,
                                              uint32_t dwRefTimeTick, uint32_t dwBufferType,
                                              uint32_t dwFilter) {
-    if (ptHeader == nullptr) return -1;
+    if (!shm::CacheIntact(ptHeader)) return -1;
     Range range;
     if (!RangeOf(ptHeader, dwBufferType, &range)) return -1;
     int oldest = shm::OldestSlot(ptHeader);

@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include "framestore/cache.h"
+#include "framestore/sector_check.h"
 
 namespace {
 
@@ -21,11 +22,7 @@ bool ReadableCache(SharedMemHandle *handle) {
         shm::LogError("Invalid argument!!");
         return false;
     }
-    if (shm::CacheOf(handle)->dwSectorType != SHM_SECTOR_CACHE) {
-        shm::LogError("Must be mode %d sector!!\n", static_cast<int>(SHM_SECTOR_CACHE));
-        return false;
-    }
-    return true;
+    return shm::CacheIntact(handle);
 }
 
 bool HasItems(const SharedMemCacheHeader *cache) {
@@ -113,7 +110,7 @@ extern "C" {
 MOLK_API int SharedMem_SearchNextCacheIndex(SharedMemCacheHeader *ptHeader,
                                             uint32_t dwRefTimeTick,
                                             SharedMemReadRequest *ptRequest) {
-    if (ptHeader == nullptr) return -1;
+    if (!shm::CacheIntact(ptHeader)) return -1;
     uint32_t wanted = ptRequest != nullptr ? ptRequest->dwCacheClass : 0;
     int best = -1;
     uint32_t bestTick = 0;
@@ -134,7 +131,7 @@ MOLK_API int SharedMem_SearchNextCacheIndex(SharedMemCacheHeader *ptHeader,
 MOLK_API int SharedMem_QueryReadCache_Internal(SharedMemHandle *ptHandle,
                                                SharedMemBufClient *ptClient,
                                                SharedMemReadRequest *ptRequest) {
-    if (ptHandle == nullptr || ptHandle->ptHeader == nullptr || ptClient == nullptr) return -1;
+    if (ptClient == nullptr || !shm::CacheIntact(ptHandle)) return -1;
     SharedMemCacheHeader *cache = shm::CacheOf(ptHandle);
     int latest = shm::LatestSlot(cache);
     int oldest = shm::OldestSlot(cache);

@@ -12,6 +12,7 @@
 
 #include "framestore/cache.h"
 #include "framestore/clock.h"
+#include "framestore/sector_check.h"
 
 namespace {
 
@@ -97,12 +98,6 @@ int ReusableSlot(SharedMemCacheHeader *cache) {
     return found;
 }
 
-bool IsCacheSector(const SharedMemCacheHeader *cache) {
-    if (cache->dwSectorType == SHM_SECTOR_CACHE) return true;
-    shm::LogError("Must be mode %d sector!!\n", static_cast<int>(SHM_SECTOR_CACHE));
-    return false;
-}
-
 // The tick an update stamps: the caller's, or the clock's. Two stamps in
 // one millisecond would give two items one tick; the second goes one past
 // the latest item instead, so that ticks in a sector stay distinct.
@@ -124,7 +119,7 @@ uint32_t StampTick(SharedMemHandle *handle, const SharedMemCacheHeader *cache, u
 extern "C" {
 
 MOLK_API int SharedMem_AssignNewBuffer(SharedMemCacheHeader *ptHeader, uint32_t dwBufferType) {
-    if (ptHeader == nullptr) return -1;
+    if (!shm::CacheIntact(ptHeader)) return -1;
     if (dwBufferType != SHM_BUFFER_PRIMARY) {
         SHM_LOG(shm::kLevelTrace, "Not support secondary buffer for now!");
         return -1;
@@ -151,7 +146,7 @@ MOLK_API int SharedMem_AssignNewBuffer(SharedMemCacheHeader *ptHeader, uint32_t 
 
 MOLK_API int SharedMem_SearchOldestBufferIndex(SharedMemCacheHeader *ptHeader, int iSkipIndex,
                                                uint32_t dwMask) {
-    if (ptHeader == nullptr) return -1;
+    if (!shm::CacheIntact(ptHeader)) return -1;
     int latest = shm::LatestSlot(ptHeader);
     if (shm::OldestSlot(ptHeader) < 0 || latest < 0 || shm::LastPrimarySlot(ptHeader) < 0) {
         return -1;
@@ -181,7 +176,7 @@ MOLK_API int SharedMem_SearchOldestBufferIndex(SharedMemCacheHeader *ptHeader, i
 
 MOLK_API int SharedMem_AssignAvailableWriteBuffer(SharedMemCacheHeader *ptHeader,
                                                   uint32_t dwBufferType) {
-    if (ptHeader == nullptr) return -1;
+    if (!shm::CacheIntact(ptHeader)) return -1;
     if (dwBufferType != SHM_BUFFER_PRIMARY) {
         printf("No buffer!!");
         return -1;
@@ -193,7 +188,7 @@ MOLK_API int SharedMem_AssignAvailableWriteBuffer(SharedMemCacheHeader *ptHeader
 }
 
 MOLK_API int SharedMem_QueryWriteCache_Internal(SharedMemCacheHeader *ptHeader, uint32_t dwSize) {
-    if (ptHeader == nullptr || !IsCacheSector(ptHeader)) return -1;
+    if (!shm::CacheIntact(ptHeader)) return -1;
     uint32_t slotSize = ptHeader->dwPrimarySize;
     if (dwSize > slotSize) {
         shm::LogError("request too large %u > %u\n", dwSize, slotSize);
@@ -219,7 +214,7 @@ MOLK_API int SharedMem_QueryWriteCache_Internal(SharedMemCacheHeader *ptHeader, 
 
 MOLK_API int SharedMem_QueryWriteCache(SharedMemHandle *ptHandle, uint8_t **ppbyBuffer,
                                        uint32_t dwSize) {
-    if (ptHandle == nullptr || ptHandle->ptHeader == nullptr) return -1;
+    if (!shm::CacheIntact(ptHandle)) return -1;
     SharedMemCacheHeader *cache = shm::CacheOf(ptHandle);
     if (SharedMem_QueryWriteCache_Internal(cache, dwSize) != 0) return -1;
     int slot = shm::LoadIndex(cache->iWriteIndex);
@@ -238,8 +233,8 @@ MOLK_API int SharedMem_UpdateWritedCache(SharedMemHandle *ptHandle, SharedMemWri
         shm::LogError("Invalid argument!!");
         return -1;
     }
+    if (!shm::CacheIntact(ptHandle)) return -1;
     SharedMemCacheHeader *cache = shm::CacheOf(ptHandle);
-    if (!IsCacheSector(cache)) return -1;
     if (ptInfo->dwSize > cache->dwPrimarySize) {
         shm::LogError("Written size %u is larger than buffer size %u!!\n", ptInfo->dwSize,
                       cache->dwPrimarySize);

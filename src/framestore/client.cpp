@@ -13,6 +13,7 @@
 #include "framestore/lock.h"
 #include "framestore/log.h"
 #include "framestore/ring.h"
+#include "framestore/sector_check.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ struct Validity {
 Validity Judge(const SharedMemSectorHeader *ring, const SharedMemBufClient *client, bool release) {
     Validity v;
     v.index = client->iLastIndex;
-    if (static_cast<uint32_t>(v.index) > static_cast<uint32_t>(shm::MaxIndex(ring))) return v;
+    if (v.index < 0 || v.index > shm::MaxIndex(ring)) return v;
     v.tick = shm::LoadWord(ring->atFrame[v.index].dwTimeTick);
     if (v.tick == 0) return v;  // the ring has been reset under the client
 
@@ -131,7 +132,7 @@ extern "C" {
 
 MOLK_API int SharedMem_CheckIndexValid(SharedMemSectorHeader *ptHeader, int iIndex,
                                        uint32_t dwTimeTick, uint32_t *pdwNextIndex) {
-    if (ptHeader == nullptr || iIndex < 0 || iIndex > shm::MaxIndex(ptHeader)) return -1;
+    if (!shm::RingIntact(ptHeader) || iIndex < 0 || iIndex > shm::MaxIndex(ptHeader)) return -1;
     int latest = shm::LoadIndex(ptHeader->iLatestIndex);
     int oldest = shm::LoadIndex(ptHeader->iOldestIndex);
     int boundary = shm::BoundaryOf(latest, shm::LoadIndex(ptHeader->iBoundaryIndex));
@@ -144,7 +145,7 @@ MOLK_API int SharedMem_CheckIndexValid(SharedMemSectorHeader *ptHeader, int iInd
 
 MOLK_API int SharedMem_CheckClientValid(SharedMemSectorHeader *ptHeader,
                                         SharedMemBufClient *ptClient, const char *szPurpose) {
-    if (ptHeader == nullptr || ptClient == nullptr) return -1;
+    if (ptClient == nullptr || !shm::RingIntact(ptHeader)) return -1;
     const char *purpose = szPurpose != nullptr ? szPurpose : "query";
     Validity v = Judge(ptHeader, ptClient, purpose[0] == 'r');
     TellInvalid(ptHeader, ptClient, purpose, v);

@@ -16,6 +16,7 @@
 #include "framestore/cache.h"
 #include "framestore/lock.h"
 #include "framestore/read_cache.h"
+#include "framestore/sector_check.h"
 
 namespace {
 
@@ -89,7 +90,7 @@ int DeliverViaCache(SharedMemHandle *handle, SharedMemBufClient *client, uint8_t
     int result = -1;
     if (frame == nullptr) {
         LogError("%.35s: entry %d lies outside the data area\n", handle->ptHeader->szTag, index);
-    } else if (request->dwReadFlags & SHM_READ_VIA_CACHE) {
+    } else if ((request->dwReadFlags & SHM_READ_VIA_CACHE) && CompanionIntact(handle)) {
         result = HoldCopy(handle, client, request, frame, size, &copy);
     }
     DropRingPin(handle, index);
@@ -115,7 +116,7 @@ MOLK_API int SharedMem_MatchFrame(SharedMemCacheEntry *ptCacheEntry, uint32_t dw
 
 MOLK_API int SharedMem_SearchCaching(SharedMemCacheHeader *ptHeader, uint32_t dwKey,
                                      SharedMemFrameEntry *ptEntry) {
-    if (ptHeader == nullptr || ptEntry == nullptr) return -1;
+    if (ptEntry == nullptr || !shm::CacheIntact(ptHeader)) return -1;
     uint32_t size = shm::LoadWord(ptEntry->dwSize);
     for (int i = 0; i <= shm::LastPrimarySlot(ptHeader); ++i) {
         if (shm::HoldsCopy(ptHeader->atCache[i], dwKey, size)) return i;
@@ -127,8 +128,8 @@ MOLK_API int SharedMem_SearchCaching(SharedMemCacheHeader *ptHeader, uint32_t dw
 MOLK_API int SharedMem_QueryCacheforReadBuffer(SharedMemHandle *ptHandle,
                                                SharedMemBufClient *ptClient, uint32_t *pdwFound,
                                                uint32_t *pdwOffset, uint32_t dwKey) {
-    if (ptHandle == nullptr || ptHandle->ptHeader == nullptr || ptHandle->ptCacheHeader == nullptr ||
-        ptClient == nullptr || pdwFound == nullptr || pdwOffset == nullptr ||
+    if (ptClient == nullptr || pdwFound == nullptr || pdwOffset == nullptr ||
+        !shm::RingIntact(ptHandle) || !shm::CompanionIntact(ptHandle) ||
         !shm::InTable(ptClient->iLastIndex)) {
         return -1;
     }
@@ -169,7 +170,7 @@ MOLK_API int SharedMem_QueryCacheforReadBuffer(SharedMemHandle *ptHandle,
 MOLK_API int SharedMem_UpdateCacheforReadBuffer(SharedMemCacheHeader *ptHeader,
                                                 SharedMemBufClient *ptClient, uint32_t dwKey,
                                                 uint32_t dwTimeTick, uint32_t dwSize) {
-    if (ptHeader == nullptr || ptClient == nullptr) return -1;
+    if (ptClient == nullptr || !shm::CacheIntact(ptHeader)) return -1;
     int slot = ptClient->iCacheSlot;
     if (slot < 0 || slot > shm::LastPrimarySlot(ptHeader)) {
         SHM_LOG(shm::kLevelCacheFailure, "update cache out-of-date?");

@@ -7,6 +7,7 @@
 #include "framestore/clock.h"
 #include "framestore/reader.h"
 #include "framestore/read_cache.h"
+#include "framestore/sector_check.h"
 
 namespace {
 
@@ -104,7 +105,7 @@ extern "C" {
 MOLK_API int SharedMem_QueryReadBuffer(SharedMemHandle *ptHandle, SharedMemBufClient **pptClient,
                                        uint8_t **ppbyData, uint32_t *pdwSize,
                                        SharedMemReadRequest *ptRequest) {
-    if (ptHandle == nullptr || ptHandle->ptHeader == nullptr) return -1;
+    if (!shm::RingIntact(ptHandle)) return -1;
     SharedMemSectorHeader *ring = ptHandle->ptHeader;
     bool empty = RingEmpty(ring);
     if (empty && (ptRequest == nullptr || !(ptRequest->dwReadFlags & SHM_READ_NEW_ONLY))) {

@@ -3,6 +3,7 @@
 #include "framestore/clock.h"
 #include "framestore/lock.h"
 #include "framestore/reader.h"
+#include "framestore/sector_check.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ int ChooseCandidate(ReadStep *q) {
         // B loaded after L: never below it, or a cursor on the frame before
         // the newest would wrap to the oldest.
         int boundary = shm::BoundaryOf(latest, shm::LoadIndex(ring->iBoundaryIndex));
-        shm::MoveCandidate(q, last >= boundary ? 0 : last + 1);
+        shm::MoveCandidate(q, last >= boundary || last >= shm::MaxIndex(ring) ? 0 : last + 1);
         return 0;
     }
     client->iLastIndex = -1;
@@ -157,7 +158,7 @@ MOLK_API int SharedMem_QueryReadBuffer_Internal(SharedMemHandle *ptHandle,
                                                 SharedMemBufClient *ptClient,
                                                 SharedMemReadRequest *ptRequest,
                                                 uint32_t *pdwDistance) {
-    if (ptHandle == nullptr || ptHandle->ptHeader == nullptr || ptClient == nullptr ||
+    if (!shm::RingIntact(ptHandle) || ptClient == nullptr ||
         ptRequest == nullptr) {
         return -1;
     }

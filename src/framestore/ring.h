@@ -49,14 +49,22 @@ inline uint64_t RoundFrameSize(uint32_t size) {
     return (static_cast<uint64_t>(size) + (kFrameAlign - 1)) & ~static_cast<uint64_t>(kFrameAlign - 1);
 }
 
-// The highest entry index a walk may touch: iMaxIndex, but never past the
-// table, whatever the segment says.
+// The highest entry index a walk may touch: iMaxIndex, but never outside
+// the table, whatever the segment says.
 inline int MaxIndex(const SharedMemSectorHeader *ring) {
     int max = LoadIndex(ring->iMaxIndex);
-    return max < kLastEntry ? max : kLastEntry;
+    return max < 0 ? 0 : max < kLastEntry ? max : kLastEntry;
 }
 
 inline bool InTable(int index) { return index >= 0 && index <= kLastEntry; }
+
+// The last entry a walk over the older generation may touch: B, never past
+// the highest entry.
+inline int LastOldEntry(const SharedMemSectorHeader *ring) {
+    int boundary = LoadIndex(ring->iBoundaryIndex);
+    int max = MaxIndex(ring);
+    return boundary < max ? boundary : max;
+}
 
 // Bytes from `from` to the end of the data area; 0 if `from` lies beyond.
 inline uint32_t RoomFrom(const SharedMemSectorHeader *ring, uint32_t from) {

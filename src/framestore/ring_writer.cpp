@@ -18,6 +18,7 @@
 #include "framestore/lock.h"
 #include "framestore/log.h"
 #include "framestore/ring.h"
+#include "framestore/sector_check.h"
 #include "framestore/wait.h"
 
 namespace {
@@ -75,18 +76,12 @@ uint32_t ClaimEntry(SharedMemFrameEntry &entry) {
     return 0;
 }
 
-// The last entry of the older generation, B clamped to the table.
-int LastOldEntry(const SharedMemSectorHeader *ring) {
-    int boundary = ring->iBoundaryIndex;
-    return boundary < shm::MaxIndex(ring) ? boundary : shm::MaxIndex(ring);
-}
-
 // Entries from W on, while they lie before the end E of the coming write
 // (forms just rewound and two generations). Entry W itself is always
 // taken, even when its bytes are out of reach: its entry is reused.
 int ClaimOldFrames(SharedMemSectorHeader *ring, int write, uint32_t end, uint32_t *status,
                    WalkNote *note) {
-    for (int i = write, last = LastOldEntry(ring); i <= last; ++i) {
+    for (int i = write, last = shm::LastOldEntry(ring); i <= last; ++i) {
         SharedMemFrameEntry &entry = ring->atFrame[i];
         if (i != write && entry.dwOffset >= end) return 0;
         const uint32_t refused = ClaimEntry(entry);
@@ -118,7 +113,7 @@ int ClaimStaleEntry(SharedMemFrameEntry &entry, int index, uint32_t *status, Wal
 // its frames must be free. Marks what passes. Takes no lock itself.
 int ClaimOlderGeneration(SharedMemSectorHeader *ring, uint32_t *status, WalkNote *note) {
     const int write = ring->iWriteIndex;
-    for (int i = write < 0 ? 0 : write, last = LastOldEntry(ring); i <= last; ++i) {
+    for (int i = write < 0 ? 0 : write, last = shm::LastOldEntry(ring); i <= last; ++i) {
         const uint32_t refused = ClaimEntry(ring->atFrame[i]);
         if (refused != 0) {
             const WalkNote::Kind kind =
@@ -147,11 +142,10 @@ void Rewind(SharedMemSectorHeader *ring) {
 int OldestAfterWrite(const SharedMemSectorHeader *ring, int write, uint32_t newEnd) {
     int oldest = ring->iOldestIndex;
     if (oldest < write) return 0;  // empty or one generation: nothing lost
-    int boundary = ring->iBoundaryIndex;
-    int last = boundary < shm::kLastEntry ? boundary : shm::kLastEntry;
+    int last = shm::LastOldEntry(ring);
     int i = oldest;
     while (i <= last && ring->atFrame[i].dwOffset < newEnd) ++i;
-    return i > boundary ? 0 : i;
+    return i > last ? 0 : i;
 }
 
 // The entries in the way of a frame from the write offset to `end`.
@@ -185,17 +179,13 @@ uint32_t DurationOf(const SharedMemSectorHeader *ring, int oldest, int latest) {
     return distance;
 }
 
-bool UsableRing(const SharedMemHandle *handle) {
-    return handle != nullptr && handle->ptHeader != nullptr;
-}
-
 }  // namespace
 
 extern "C" {
 
 MOLK_API int SharedMem_CheckFrameOccupied(SharedMemSectorHeader *ptHeader, uint32_t dwEndOffset,
                                           uint32_t *pdwStatus) {
-    if (ptHeader == nullptr) return -1;
+    if (!shm::RingIntact(ptHeader)) return -1;
     WalkNote note;
     int result = ClaimPlace(ptHeader, dwEndOffset, pdwStatus, &note);
     note.Tell();
@@ -204,7 +194,7 @@ MOLK_API int SharedMem_CheckFrameOccupied(SharedMemSectorHeader *ptHeader, uint3
 
 MOLK_API int SharedMem_QueryWriteBuffer(SharedMemHandle *ptHandle, uint8_t **ppbyBuffer,
                                         uint32_t *pdwSize) {
-    if (!UsableRing(ptHandle) || ppbyBuffer == nullptr || pdwSize == nullptr) return -1;
+    if (!shm::RingIntact(ptHandle) || ppbyBuffer == nullptr || pdwSize == nullptr) return -1;
     SharedMemSectorHeader *ring = ptHandle->ptHeader;
     ptHandle->dwWriteStatus = 0;
     uint32_t writeOffset = ring->dwWriteOffset;
@@ -228,7 +218,7 @@ MOLK_API int SharedMem_QueryWriteBuffer(SharedMemHandle *ptHandle, uint8_t **ppb
 
 MOLK_API int SharedMem_QueryAutoRewindWriteBuffer(SharedMemHandle *ptHandle, uint8_t **ppbyBuffer,
                                                   uint32_t dwSize) {
-    if (!UsableRing(ptHandle) || ppbyBuffer == nullptr) return -1;
+    if (!shm::RingIntact(ptHandle) || ppbyBuffer == nullptr) return -1;
     SharedMemSectorHeader *ring = ptHandle->ptHeader;
     uint64_t rounded = shm::RoundFrameSize(dwSize);
     ptHandle->dwWriteStatus = 0;
@@ -257,7 +247,7 @@ MOLK_API int SharedMem_QueryAutoRewindWriteBuffer(SharedMemHandle *ptHandle, uin
 
 MOLK_API int SharedMem_PrepareRewindWriteBuffer(SharedMemSectorHeader *ptHeader,
                                                 uint32_t *pdwStatus) {
-    if (ptHeader == nullptr) return -1;
+    if (!shm::RingIntact(ptHeader)) return -1;
     SetStatus(pdwStatus, 0);
     if (ptHeader->iWriteIndex > ptHeader->iBoundaryIndex) return 0;
     WalkNote note;
@@ -267,7 +257,7 @@ MOLK_API int SharedMem_PrepareRewindWriteBuffer(SharedMemSectorHeader *ptHeader,
 }
 
 MOLK_API int SharedMem_RewindWriteBuffer(SharedMemHandle *ptHandle) {
-    if (!UsableRing(ptHandle)) return -1;
+    if (!shm::RingIntact(ptHandle)) return -1;
     Rewind(ptHandle->ptHeader);
     return 0;
 }
@@ -290,7 +280,7 @@ MOLK_API int SharedMem_QueryWriteStatus(SharedMemHandle *ptHandle, uint32_t *pdw
 // the newest frame and then step on to O + 1, an older one. Once the mark
 // is gone, a reader's later loads see every index of this update.
 MOLK_API int SharedMem_UpdateWritedBuffer(SharedMemHandle *ptHandle, SharedMemWriteInfo *ptInfo) {
-    if (!UsableRing(ptHandle) || ptInfo == nullptr) return -1;
+    if (!shm::RingIntact(ptHandle) || ptInfo == nullptr) return -1;
     SharedMemSectorHeader *ring = ptHandle->ptHeader;
     uintptr_t base = reinterpret_cast<uintptr_t>(ptHandle->pvBase);
     uintptr_t place = reinterpret_cast<uintptr_t>(ptInfo->pbyBuffer);
@@ -336,9 +326,7 @@ MOLK_API int SharedMem_UpdateWritedBuffer(SharedMemHandle *ptHandle, SharedMemWr
 // a query whose frame was given up. No lock.
 MOLK_API void SharedMem_ClearFrameOccupied(SharedMemSectorHeader *ptHeader, int iIndex) {
     if (ptHeader == nullptr || iIndex < 0) return;
-    int boundary = ptHeader->iBoundaryIndex;
-    int last = boundary < shm::kLastEntry ? boundary : shm::kLastEntry;
-    for (int i = iIndex; i <= last; ++i) {
+    for (int i = iIndex, last = shm::LastOldEntry(ptHeader); i <= last; ++i) {
         uint32_t &flags = ptHeader->atFrame[i].dwFlags;
         // No reader touches the flags of a marked entry: it is refused
         // before its pin, so the word is the writer's alone here.

@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "framestore/segment.h"
+#include "framestore/attachments.h"
 
 extern "C" {
 
@@ -24,7 +25,8 @@ MOLK_API int SharedMem_QuerySetting(SharedMemHandle *ptHandle, uint32_t *pdwSect
 
 MOLK_API int SharedMem_Dump(SharedMemHandle *ptHandle, FILE *ptFile) {
     if (ptHandle == nullptr || ptHandle->ptHeader == nullptr || ptFile == nullptr) return -1;
-    size_t total = ptHandle->ptHeader->dwTotalSize;
+    // The segment's real size: the header's word may say anything.
+    size_t total = shm::SegmentSize(ptHandle->pvBase, ptHandle->ptHeader->dwTotalSize);
     return fwrite(ptHandle->pvBase, 1, total, ptFile) == total ? 0 : -1;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "framestore/cache.h"
+#include "framestore/sector_check.h"
 
 namespace {
 
@@ -55,11 +56,10 @@ bool ReadView(const SharedMemSectorHeader *ring, RingView *v) {
     v->oldest = shm::LoadIndex(ring->iOldestIndex);
     v->latest = shm::LoadIndex(ring->iLatestIndex);
     v->boundary = shm::LoadIndex(ring->iBoundaryIndex);
+    // Loaded once after the header was judged; a value that has moved out
+    // of the table since is not used.
     auto fits = [](int i) { return i >= -1 && i <= shm::kLastEntry; };
-    if (fits(v->oldest) && fits(v->latest) && fits(v->boundary)) return true;
-    shm::LogError("%.35s: indices out of range O %d L %d B %d\n", ring->szTag, v->oldest,
-                  v->latest, v->boundary);
-    return false;
+    return fits(v->oldest) && fits(v->latest) && fits(v->boundary);
 }
 
 uint32_t Intervals(const RingView &v) {
@@ -171,6 +171,7 @@ MOLK_API int SharedMem_QueryInfo(SharedMemHandle *ptHandle, uint32_t *pdwInfo, u
                          header->dwEndOffset - header->dwStartOffset};
     for (uint32_t e = 0; e < count && e <= kInfoDataSize; ++e) pdwInfo[e] = common[e];
     if (header->dwSectorType != SHM_SECTOR_RING || count <= kInfoForm) return 0;
+    if (!shm::RingIntact(ptHandle)) return -1;
     return QueryRing(header, pdwInfo, count);
 }
 

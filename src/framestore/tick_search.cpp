@@ -9,6 +9,7 @@
 // Besides the result, a walk reports the last key frame (an entry without
 // SHM_FRAME_P) it passed, through the key pointer.
 #include "framestore/ring.h"
+#include "framestore/sector_check.h"
 
 namespace {
 
@@ -63,7 +64,7 @@ void StoreKey(uint32_t *key, int index) {
 }
 
 bool StartInTable(const SharedMemSectorHeader *ring, uint32_t start) {
-    return ring != nullptr && start <= static_cast<uint32_t>(shm::MaxIndex(ring));
+    return shm::RingIntact(ring) && start <= static_cast<uint32_t>(shm::MaxIndex(ring));
 }
 
 }  // namespace

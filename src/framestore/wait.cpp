@@ -13,23 +13,13 @@
 #include <cstdio>
 #include <ctime>
 
+#include "framestore/attachments.h"
 #include "framestore/ring.h"
 
 namespace {
 
 using shm::WaitArea;
 using shm::WaitSector;
-
-// Attached blocks of this process whose companion is mapped. A slot is
-// claimed with kClaiming before its area is set, and found by its base,
-// stored last.
-constexpr int kAreasPerProcess = 16;
-struct Registered {
-    void *base;
-    WaitArea *area;
-};
-Registered gAreas[kAreasPerProcess];
-void *const kClaiming = reinterpret_cast<void *>(1);
 
 // A waiter whose companion cannot be had looks again this often, in ms.
 constexpr uint32_t kPollMs = 10;
@@ -54,17 +44,10 @@ WaitArea *MapArea(key_t key) {
     return p == MAP_FAILED ? nullptr : static_cast<WaitArea *>(p);
 }
 
-WaitArea *AreaOf(const void *base) {
-    for (Registered &r : gAreas) {
-        if (__atomic_load_n(&r.base, __ATOMIC_ACQUIRE) == base) return r.area;
-    }
-    return nullptr;
-}
-
 WaitSector *SectorOf(const SharedMemHandle *handle) {
     if (handle->iSectorIndex < 0 || handle->iSectorIndex >= shm::kWaitSectors) return nullptr;
-    WaitArea *area = AreaOf(handle->pvBase);
-    return area != nullptr ? &area->sectors[handle->iSectorIndex] : nullptr;
+    const shm::Attachment *a = shm::AttachmentAt(handle->pvBase);
+    return a != nullptr && a->wait != nullptr ? &a->wait->sectors[handle->iSectorIndex] : nullptr;
 }
 
 long Futex(uint32_t *word, int op, uint32_t value, const struct timespec *timeout) {
@@ -156,36 +139,15 @@ void SleepOnce(const SharedMemSectorHeader *ring, const SharedMemBufClient *clie
 
 namespace shm {
 
-void OpenWaitArea(key_t key, void *base) {
-    if (AreaOf(base) != nullptr) return;
-    WaitArea *area = MapArea(key);
-    if (area == nullptr) return;
-    for (Registered &r : gAreas) {
-        void *empty = nullptr;
-        if (__atomic_compare_exchange_n(&r.base, &empty, kClaiming, false, __ATOMIC_ACQ_REL,
-                                        __ATOMIC_RELAXED)) {
-            r.area = area;
-            __atomic_store_n(&r.base, base, __ATOMIC_RELEASE);
-            return;
-        }
-    }
-    munmap(area, sizeof(WaitArea));  // more blocks than the table holds: no waking for this one
-}
+WaitArea *OpenWaitArea(key_t key) { return MapArea(key); }
 
 void MakeWaitArea(key_t key) {
     WaitArea *area = MapArea(key);
     if (area != nullptr) munmap(area, sizeof(WaitArea));
 }
 
-void CloseWaitArea(void *base) {
-    for (Registered &r : gAreas) {
-        if (__atomic_load_n(&r.base, __ATOMIC_ACQUIRE) != base) continue;
-        WaitArea *area = r.area;
-        r.area = nullptr;
-        __atomic_store_n(&r.base, nullptr, __ATOMIC_RELEASE);
-        munmap(area, sizeof(WaitArea));
-        return;
-    }
+void CloseWaitArea(WaitArea *area) {
+    if (area != nullptr) munmap(area, sizeof(WaitArea));
 }
 
 void RemoveWaitArea(key_t key) {

@@ -10,9 +10,7 @@
 // and a waiter killed in its sleep is found dead and dropped.
 //
 // Per process, each attached block's companion is found by the block's
-// base address in a small table (no allocation, no lock on the writer's
-// path: a handle belongs to one thread, the table is read with acquire
-// loads).
+// base address among the attachments (attachments.h).
 #ifndef MOLK_FRAMESTORE_WAIT_H
 #define MOLK_FRAMESTORE_WAIT_H
 
@@ -41,14 +39,13 @@ struct WaitArea {
 };
 static_assert(sizeof(WaitArea) == 16384, "the companion's size is shared by every process");
 
-// Opens (creating when missing) the companion of the block under `key`
-// and registers it for the mapping at `base`. Failure only costs the
-// waiters their time-outs: the block works without it.
-void OpenWaitArea(key_t key, void *base);
+// Maps (creating when missing) the companion of the block under `key`;
+// null on failure, which only costs the waiters their time-outs.
+WaitArea *OpenWaitArea(key_t key);
 // Makes the companion of the block under `key`, if it is missing.
 void MakeWaitArea(key_t key);
-// Unregisters and unmaps the companion of the mapping at `base`.
-void CloseWaitArea(void *base);
+// Unmaps a companion; null is ignored.
+void CloseWaitArea(WaitArea *area);
 // Removes the companion of the block under `key`.
 void RemoveWaitArea(key_t key);
 
