@@ -5,19 +5,30 @@
 // changed, and every pointer handed out lies inside the data area of a
 // sector it may hand out from, with all of its bytes.
 //
-// Input: a count n, n records of 7 bytes (what to overwrite, where, the
-// value), then bytes that choose sizes, flags and indices for the calls.
+// Input: the debug word, a count n, n records of 7 bytes (what to
+// overwrite, where, the value), then bytes that choose sizes, flags and indices for the calls.
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 
 #include "sharedmem.h"
+
+// The library's syslog lines, formatted and dropped: a real syslog would
+// reconnect to a missing log socket at every line and set the pace.
+extern "C" void syslog(int, const char *fmt, ...) {
+    char line[512];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(line, sizeof line, fmt, ap);
+    va_end(ap);
+}
 
 namespace {
 
@@ -36,8 +47,10 @@ struct Block {
     SharedMemHandle *writer = nullptr, *inPlace = nullptr, *viaCache = nullptr;
     SharedMemHandle *cacheReader = nullptr, *cacheWriter = nullptr;
     Area header[kSectors], data[kSectors];
+    Area pristineData[kSectors];
     uint8_t *pristine = nullptr;   // the segment before any input
     uint8_t *reference = nullptr;  // what each sector may be compared with
+    unsigned referenceValid = 0;   // bit per sector: its reference is the segment as it is
     FILE *sink = nullptr;
 };
 
@@ -75,8 +88,8 @@ void ReadThroughCache(SharedMemHandle *h, int frames) {
 void Setup() {
     g.key = static_cast<key_t>(0x4D460000 | (getpid() & 0xFFFF));
     SharedMemBlock_Delete(g.key);
-    char total[] = "224K";
-    char ring[] = "192K-video", cache[] = "32K~4K~streaming";
+    char total[] = "144K";
+    char ring[] = "128K-video", cache[] = "16K~4K~streaming";
     char *descs[] = {ring, cache};
     SharedMemBlockConfig config = {SHM_MEMORY_SYSV, 0, 0, 4096, 0};
     if (SharedMemBlock_Allocate(g.key, total, kSectors, &config, descs) != 0) Die("allocate");
@@ -91,22 +104,23 @@ void Setup() {
     SharedMem_Initial(g.info, &g.viaCache, kRing, 0);
     SharedMem_Initial(g.info, &g.cacheReader, kCache, 4);
     SharedMem_Initial(g.info, &g.cacheWriter, kCache, 16);
-    for (uint32_t k = 0; k < 200; ++k) {
+    for (uint32_t k = 0; k < 80; ++k) {
         WriteFrame(g.writer, 100 + (k * 37) % 1400, 1000 + 33 * k, k % 10 ? SHM_FRAME_P : 0);
     }
-    ReadThroughCache(g.viaCache, 12);
+    ReadThroughCache(g.viaCache, 6);
     for (int s = 0; s < kSectors; ++s) {
         const SharedMemSectorHeader *h =
             reinterpret_cast<const SharedMemSectorHeader *>(g.base + s * kSlot);
         g.header[s] = {s * kSlot, (s + 1) * kSlot};
-        g.data[s] = {h->dwStartOffset, h->dwEndOffset};
+        g.pristineData[s] = {h->dwStartOffset, h->dwEndOffset};
     }
     g.pristine = static_cast<uint8_t *>(malloc(g.size));
     g.reference = static_cast<uint8_t *>(malloc(g.size));
+    g.referenceValid = 0;
     memcpy(g.pristine, g.base, g.size);
     g.sink = fopen("/dev/null", "w");
     if (freopen("/dev/null", "w", stdout) == nullptr) Die("stdout");
-    gShm_DebugLevel = 7 | 16 | 32 | 64 | 128;  // every line formatted, none seen
+
 }
 
 // Reads the fuzzer's bytes one at a time, zeros once they are used up.
@@ -141,6 +155,25 @@ void Corrupt(Bytes &in) {
     memcpy(g.base + offset, &value, sizeof value);
 }
 
+// The data areas the calls may use: those the headers now describe, when
+// they describe a whole layout (as after a repartition: the data areas
+// follow the header slots and each other inside the segment), else those
+// of the block as it was made.
+void TakeAreas() {
+    Area now[kSectors];
+    uint32_t expected = kSectors * kSlot;
+    bool whole = true;
+    for (int s = 0; s < kSectors; ++s) {
+        const SharedMemSectorHeader *h =
+            reinterpret_cast<const SharedMemSectorHeader *>(g.base + s * kSlot);
+        now[s] = {h->dwStartOffset, h->dwEndOffset};
+        whole = whole && now[s].begin == expected && now[s].end >= now[s].begin;
+        expected = now[s].end;
+    }
+    whole = whole && expected <= g.size;
+    for (int s = 0; s < kSectors; ++s) g.data[s] = whole ? now[s] : g.pristineData[s];
+}
+
 bool Inside(const uint8_t *p, uint32_t size, Area a) {
     if (p < g.base + a.begin || p > g.base + a.end) return false;
     return size <= static_cast<uint32_t>(g.base + a.end - p);
@@ -160,15 +193,29 @@ void CheckPointer(const uint8_t *p, uint32_t size, unsigned sectors, const char 
     abort();
 }
 
-// After a call that may change `sectors`: every other sector is as before.
+void CopyReference(int s) {
+    for (Area a : {g.header[s], g.data[s]}) {
+        memcpy(g.reference + a.begin, g.base + a.begin, a.end - a.begin);
+    }
+    g.referenceValid |= 1u << s;
+}
+
+// Before a call that may change `sectors`: the others get a reference.
+void Before(unsigned sectors) {
+    for (int s = 0; s < kSectors; ++s) {
+        if (!(sectors & (1u << s)) && !(g.referenceValid & (1u << s))) CopyReference(s);
+    }
+}
+
+// After it: every other sector is as before.
 void CheckSectors(unsigned sectors, const char *call) {
     for (int s = 0; s < kSectors; ++s) {
+        if (sectors & (1u << s)) {
+            g.referenceValid &= ~(1u << s);
+            continue;
+        }
         for (Area a : {g.header[s], g.data[s]}) {
-            uint8_t *now = g.base + a.begin;
-            uint8_t *then = g.reference + a.begin;
-            if (sectors & (1u << s)) {
-                memcpy(then, now, a.end - a.begin);
-            } else if (memcmp(then, now, a.end - a.begin) != 0) {
+            if (memcmp(g.reference + a.begin, g.base + a.begin, a.end - a.begin) != 0) {
                 fprintf(stderr, "segment_fuzz: %s changed sector %d\n", call, s);
                 abort();
             }
@@ -180,6 +227,7 @@ constexpr unsigned kRingOnly = 1u << kRing, kCacheOnly = 1u << kCache;
 constexpr unsigned kBoth = kRingOnly | kCacheOnly;
 
 void Write(Bytes &in) {
+    Before(kRingOnly);
     uint8_t *place = nullptr;
     uint32_t size = in.u16();
     if (SharedMem_QueryAutoRewindWriteBuffer(g.writer, &place, size) == 0) {
@@ -191,6 +239,7 @@ void Write(Bytes &in) {
 }
 
 void Read(Bytes &in, SharedMemHandle *h, uint32_t flags, unsigned sectors, const char *call) {
+    Before(sectors);
     SharedMemBufClient *client = nullptr;
     for (int k = in.u8() % 4; k >= 0; --k) {
         SharedMemReadRequest request = {flags | (in.u32() & 0xFFFFFu & ~SHM_READ_IN_PLACE), in.u16(),
@@ -211,6 +260,7 @@ void Read(Bytes &in, SharedMemHandle *h, uint32_t flags, unsigned sectors, const
 }
 
 void ReadCache(Bytes &in) {
+    Before(kCacheOnly);
     SharedMemBufClient *client = nullptr;
     SharedMemReadRequest request = {};
     request.dwCacheClass = in.u8() & 1;
@@ -220,7 +270,7 @@ void ReadCache(Bytes &in) {
         CheckPointer(data, size, kCacheOnly, "cache reader");
         SharedMem_ReleaseReadCache(g.cacheReader, client);
     }
-    uint8_t *slot = g.base + g.data[kCache].begin + (in.u8() % 8u) * 4096;
+    uint8_t *slot = g.base + g.pristineData[kCache].begin + (in.u8() % 4u) * 4096;
     if (SharedMem_QueryReadCacheByPointer(g.cacheReader, &client, slot) == 0) {
         SharedMem_ReleaseReadCache(g.cacheReader, client);
     }
@@ -243,6 +293,7 @@ void ReadCache(Bytes &in) {
 
 // Calls on a handle of the other sector kind are refused and change nothing.
 void WrongKind(Bytes &in) {
+    Before(0);
     uint8_t *place = nullptr;
     uint32_t size = in.u16();
     if (SharedMem_QueryAutoRewindWriteBuffer(g.cacheWriter, &place, size) == 0 ||
@@ -265,6 +316,7 @@ void WrongKind(Bytes &in) {
 
 // Calls that change nothing: searches, figures, dump, a second attach.
 void Look(Bytes &in) {
+    Before(0);
     SharedMemSectorHeader *ring = g.writer->ptHeader;
     uint32_t key = 0;
     SharedMemReadRequest request = {in.u32(), in.u16(), in.u32(), 0, 0, 0, 0, in.u16()};
@@ -281,15 +333,18 @@ void Look(Bytes &in) {
         SharedMem_QueryInfo(h, info, sizeof info);
         SharedMem_ShowInfo(h);
     }
-    char *dumped = nullptr;
-    size_t length = 0;
-    FILE *dump = open_memstream(&dumped, &length);
+    size_t dumped = 0;
+    cookie_io_functions_t counter = {};
+    counter.write = [](void *count, const char *, size_t n) -> ssize_t {
+        *static_cast<size_t *>(count) += n;
+        return static_cast<ssize_t>(n);
+    };
+    FILE *dump = fopencookie(&dumped, "w", counter);
     SharedMem_Dump(g.writer, dump);
     fclose(dump);
-    if (length > g.size) Die("the dump ran past the segment");
-    free(dumped);
+    if (dumped > g.size) Die("the dump ran past the segment");
     SharedMemBlockInfo *again = nullptr;
-    if (SharedMemBlock_Attach(&again, 0, g.key) == 0) {
+    if ((in.u8() & 15) == 1 && SharedMemBlock_Attach(&again, 0, g.key) == 0) {
         if (again->iSectorNum > kSectors) Die("attach walked past the header slots");
         SharedMemBlock_Detach(&again);
     }
@@ -304,8 +359,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     unsigned short ones[kSectors] = {1, 1};
     semctl(g.info->iSemId, 0, SETALL, ones);
     Bytes in = {data, size};
+    gShm_DebugLevel = in.u8();  // mostly quiet; now and then every line formatted
     for (int n = in.u8() % 16; n > 0; --n) Corrupt(in);
-    memcpy(g.reference, g.base, g.size);
+    TakeAreas();
+    g.referenceValid = 0;
     Write(in);
     Read(in, g.inPlace, SHM_READ_IN_PLACE, kRingOnly, "in-place reader");
     Read(in, g.viaCache, SHM_READ_VIA_CACHE, kBoth, "read-through reader");

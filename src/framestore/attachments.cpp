@@ -1,5 +1,7 @@
 #include "framestore/attachments.h"
 
+#include "framestore/segment.h"
+
 namespace shm {
 namespace {
 
@@ -8,13 +10,33 @@ void *const kClaiming = reinterpret_cast<void *>(1);
 
 }  // namespace
 
-bool Remember(void *base, uint32_t size, WaitArea *wait) {
+bool ReadLayout(const void *base, uint32_t size, int sectors, Layout *layout) {
+    if (sectors < 1 || sectors > kLayoutSectors) return false;
+    Layout read;
+    read.sectors = sectors;
+    uint32_t expected = static_cast<uint32_t>(sectors) * kSlotSize;
+    for (int i = 0; i < sectors; ++i) {
+        const SharedMemSectorHeader *h = static_cast<const SharedMemSectorHeader *>(
+            SlotAt(const_cast<void *>(base), i));
+        read.start[i] = h->dwStartOffset;
+        read.end[i] = h->dwEndOffset;
+        if (read.start[i] != expected || read.end[i] < read.start[i]) return false;
+        expected = read.end[i];
+    }
+    if (expected > size) return false;
+    *layout = read;
+    return true;
+}
+
+bool Remember(void *base, uint32_t size, int sectors, WaitArea *wait) {
     for (Attachment &a : gTable) {
         void *empty = nullptr;
         if (__atomic_compare_exchange_n(&a.base, &empty, kClaiming, false, __ATOMIC_ACQ_REL,
                                         __ATOMIC_RELAXED)) {
             a.size = size;
             a.wait = wait;
+            a.layout.sectors = 0;
+            ReadLayout(base, size, sectors, &a.layout);
             __atomic_store_n(&a.base, base, __ATOMIC_RELEASE);
             return true;
         }
@@ -22,8 +44,8 @@ bool Remember(void *base, uint32_t size, WaitArea *wait) {
     return false;
 }
 
-const Attachment *AttachmentAt(const void *base) {
-    for (const Attachment &a : gTable) {
+Attachment *AttachmentAt(const void *base) {
+    for (Attachment &a : gTable) {
         if (__atomic_load_n(&a.base, __ATOMIC_ACQUIRE) == base) return &a;
     }
     return nullptr;

@@ -14,18 +14,36 @@ namespace shm {
 
 struct WaitArea;
 
+constexpr int kLayoutSectors = 64;  // sectors whose data areas are remembered
+
+// Where each sector's data area lies, as the headers said when they last
+// described a whole layout: N data areas that follow the N header slots
+// and each other, the last one ending inside the segment.
+struct Layout {
+    int sectors;  // 0: the headers never described a whole layout
+    uint32_t start[kLayoutSectors];
+    uint32_t end[kLayoutSectors];
+};
+
 struct Attachment {
     void *base;
     uint32_t size;     // bytes of the segment, from IPC_STAT at attach
     WaitArea *wait;    // null when the companion could not be had
+    Layout layout;
 };
 
 constexpr int kAttachmentsPerProcess = 16;
 
-// Remembers an attached segment; false when the table is full.
-bool Remember(void *base, uint32_t size, WaitArea *wait);
+// Reads the layout of `sectors` sectors from the headers of the segment at
+// `base` of `size` bytes; false, with *layout untouched, when they do not
+// describe a whole one.
+bool ReadLayout(const void *base, uint32_t size, int sectors, Layout *layout);
+
+// Remembers an attached segment with the layout its headers describe now;
+// false when the table is full.
+bool Remember(void *base, uint32_t size, int sectors, WaitArea *wait);
 // The attachment whose segment is mapped at `base`, or null.
-const Attachment *AttachmentAt(const void *base);
+Attachment *AttachmentAt(const void *base);
 // Forgets the attachment at `base`; returns its companion for unmapping.
 WaitArea *Forget(void *base);
 

@@ -75,7 +75,7 @@ MOLK_API int SharedMemBlock_Attach(SharedMemBlockInfo **pptInfo, uint32_t dwRese
     info->iSectorNum = shm::CountSectors(base, slots);
     *pptInfo = info;
     shm::WaitArea *wait = shm::OpenWaitArea(key);
-    if (!shm::Remember(base, bytes, wait)) shm::CloseWaitArea(wait);
+    if (!shm::Remember(base, bytes, info->iSectorNum, wait)) shm::CloseWaitArea(wait);
     gShm_Clktck = static_cast<uint32_t>(sysconf(_SC_CLK_TCK));
     SHM_LOG(shm::kLevelTrace, "Shared Memory %d SectorNum %d attached to %p.\n",
             static_cast<int>(key), info->iSectorNum, base);

@@ -14,11 +14,32 @@ bool Refuse(const void *slot, const char *field, long long value) {
 
 bool Within(int value, int low, int high) { return value >= low && value <= high; }
 
-// The data area lies behind the header slots and inside the segment.
+// The data area is the one the block's layout gives the sector. A layout
+// that changed as a whole (a repartition) is taken as the new one.
+bool AreaOfLayout(const void *slot, uint32_t start, uint32_t end, SegmentBounds bounds,
+                  Attachment *a) {
+    int k = bounds.sector;
+    if (start == a->layout.start[k] && end == a->layout.end[k]) return true;
+    Layout now;
+    if (ReadLayout(bounds.base, a->size, a->layout.sectors, &now) && now.start[k] == start &&
+        now.end[k] == end) {
+        a->layout = now;
+        return true;
+    }
+    bool moved = start != a->layout.start[k];
+    return Refuse(slot, moved ? "dwStartOffset" : "dwEndOffset", moved ? start : end);
+}
+
+// The data area lies behind the header slots and inside the segment, where
+// the block's layout puts it when the layout is known.
 bool DataAreaIntact(const void *slot, SegmentBounds bounds) {
     const SharedMemSectorHeader *h = static_cast<const SharedMemSectorHeader *>(slot);
     uint32_t start = h->dwStartOffset;
     uint32_t end = h->dwEndOffset;
+    Attachment *a = bounds.base != nullptr ? AttachmentAt(bounds.base) : nullptr;
+    if (a != nullptr && bounds.sector >= 0 && bounds.sector < a->layout.sectors) {
+        return AreaOfLayout(slot, start, end, bounds, a);
+    }
     if (start < bounds.headerEnd || start > bounds.size) return Refuse(slot, "dwStartOffset", start);
     if (end < start || end > bounds.size) return Refuse(slot, "dwEndOffset", end);
     return true;
@@ -31,12 +52,12 @@ SegmentBounds BoundsOf(const SharedMemHandle *handle) {
     uint32_t size = SegmentSize(handle->pvBase, first->dwTotalSize);
     uint32_t own = static_cast<uint32_t>(handle->iSectorIndex + 1) * kSlotSize;
     uint32_t slots = first->dwStartOffset <= size ? first->dwStartOffset : 0;
-    return {size, own > slots ? own : slots};
+    return {size, own > slots ? own : slots, handle->pvBase, handle->iSectorIndex};
 }
 
 // A caller with only a header: its indices are judged, while its offsets
 // become pointers only through a handle, which judges them too.
-SegmentBounds BoundsOf(const void *) { return {UINT32_MAX, 0}; }
+SegmentBounds BoundsOf(const void *) { return {UINT32_MAX, 0, nullptr, -1}; }
 
 bool RingIntact(const SharedMemSectorHeader *ring, SegmentBounds bounds) {
     if (ring->dwSectorType != SHM_SECTOR_RING) {

@@ -17,11 +17,15 @@
 
 namespace shm {
 
-// The bounds a header is judged against: the bytes of the segment, and
-// where the header slots end.
+// The bounds a header is judged against: the bytes of the segment, where
+// the header slots end, and, for a sector of an attached block, the data
+// area of the layout its headers last described as a whole (a sector may
+// not move its area on its own).
 struct SegmentBounds {
     uint32_t size;
     uint32_t headerEnd;
+    const void *base;  // the attached segment, or null
+    int sector;        // the sector's index in it
 };
 
 // For a handle: the segment's real size (taken at attach), and the header
@@ -46,7 +50,7 @@ inline bool CacheIntact(const SharedMemHandle *handle) {
 }
 inline bool CompanionIntact(const SharedMemHandle *handle) {
     SegmentBounds bounds = BoundsOf(handle);
-    bounds.headerEnd = 0;  // the companion's own slot is somewhere in the header slots
+    bounds.sector = handle->iCacheIndex;
     return handle->ptCacheHeader != nullptr && CacheIntact(handle->ptCacheHeader, bounds);
 }
 // Header-only callers.

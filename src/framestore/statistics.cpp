@@ -58,8 +58,11 @@ bool ReadView(const SharedMemSectorHeader *ring, RingView *v) {
     v->boundary = shm::LoadIndex(ring->iBoundaryIndex);
     // Loaded once after the header was judged; a value that has moved out
     // of the table since is not used.
+    // A ring that stores frames has an oldest and a latest one.
     auto fits = [](int i) { return i >= -1 && i <= shm::kLastEntry; };
-    return fits(v->oldest) && fits(v->latest) && fits(v->boundary);
+    bool stored = v->boundary >= 0;
+    return fits(v->oldest) && fits(v->latest) && fits(v->boundary) &&
+           (!stored || (v->oldest >= 0 && v->latest >= 0));
 }
 
 uint32_t Intervals(const RingView &v) {
@@ -84,6 +87,7 @@ uint32_t BitRate(const RingView &v, uint32_t window, uint32_t intervals, uint32_
     uint64_t average = static_cast<uint64_t>(bytesStored) * 8 / duration;
     int w = static_cast<int>(window);
     int latest = v.latest;
+    if (latest < 0 || v.boundary < 1) return static_cast<uint32_t>(average);  // a damaged ring
     uint64_t bytes = 0;
     uint32_t ms = 0;
     if (w < latest) {
@@ -110,7 +114,11 @@ uint32_t BitRate(const RingView &v, uint32_t window, uint32_t intervals, uint32_
 
 int QueryRing(const SharedMemSectorHeader *ring, uint32_t *info, uint32_t count) {
     RingView v;
-    if (!ReadView(ring, &v)) return -1;
+    if (!ReadView(ring, &v)) {
+        shm::LogError("sector %.35s: indices O %d L %d B %d do not fit together\n", ring->szTag,
+                      v.oldest, v.latest, v.boundary);
+        return -1;
+    }
     uint32_t intervals = Intervals(v);
     uint32_t bytes = BytesStored(v);
     uint32_t form = v.boundary < 0 ? 0 : v.twoGenerations() ? 2 : 1;
