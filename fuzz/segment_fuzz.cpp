@@ -156,8 +156,8 @@ void Corrupt(Bytes &in) {
 }
 
 // The data areas the calls may use: those the headers now describe, when
-// they describe a whole layout (as after a repartition: the data areas
-// follow the header slots and each other inside the segment), else those
+// they describe a whole layout (as after a repartition: the data areas lie
+// behind the header slots, in order, inside the segment), else those
 // of the block as it was made.
 void TakeAreas() {
     Area now[kSectors];
@@ -167,7 +167,7 @@ void TakeAreas() {
         const SharedMemSectorHeader *h =
             reinterpret_cast<const SharedMemSectorHeader *>(g.base + s * kSlot);
         now[s] = {h->dwStartOffset, h->dwEndOffset};
-        whole = whole && now[s].begin == expected && now[s].end >= now[s].begin;
+        whole = whole && now[s].begin >= expected && now[s].end >= now[s].begin;
         expected = now[s].end;
     }
     whole = whole && expected <= g.size;

@@ -20,7 +20,7 @@ bool ReadLayout(const void *base, uint32_t size, int sectors, Layout *layout) {
             SlotAt(const_cast<void *>(base), i));
         read.start[i] = h->dwStartOffset;
         read.end[i] = h->dwEndOffset;
-        if (read.start[i] != expected || read.end[i] < read.start[i]) return false;
+        if (read.start[i] < expected || read.end[i] < read.start[i]) return false;
         expected = read.end[i];
     }
     if (expected > size) return false;

@@ -17,8 +17,8 @@ struct WaitArea;
 constexpr int kLayoutSectors = 64;  // sectors whose data areas are remembered
 
 // Where each sector's data area lies, as the headers said when they last
-// described a whole layout: N data areas that follow the N header slots
-// and each other, the last one ending inside the segment.
+// described a whole layout: N data areas behind the N header slots, in
+// sector order without overlapping, the last one ending inside the segment.
 struct Layout {
     int sectors;  // 0: the headers never described a whole layout
     uint32_t start[kLayoutSectors];
