@@ -271,8 +271,8 @@ inline int RingWriterMain(SharedMemHandle *writer, Progress *progress, uint32_t 
 struct ReaderTally {
     int64_t delivered = 0;
     int64_t skipped = 0;      // frames the reader never got
-    int64_t latestPolls = 0;  // reason 8: nothing new yet
-    int64_t failedPolls = 0;  // reason 4: frame claimed by the writer
+    int64_t latestPolls = 0;  // SHM_REASON_LATEST: nothing new yet
+    int64_t failedPolls = 0;  // SHM_REASON_FAILED: frame claimed by the writer
     const char *error = nullptr;
 };
 

@@ -8,7 +8,6 @@
 // carries that frame; it may not go on reading from it.
 #include <cstdio>
 #include <cstdlib>
-#include <syslog.h>
 
 #include "framestore/lock.h"
 #include "framestore/log.h"
@@ -48,27 +47,22 @@ Validity Judge(const SharedMemSectorHeader *ring, const SharedMemBufClient *clie
     return v;
 }
 
-// A release complaint is a warning (priority 4, also to syslog); a failed
-// query is everyday flow, since the client is simply placed anew
-// (priority 6, never to syslog). The priority doubles as the debug level.
+// A release complaint is a warning (level 4, also to syslog); a failed
+// query is everyday flow, since the client is simply placed anew (level 6,
+// never to syslog).
 void TellInvalid(const SharedMemSectorHeader *ring, const SharedMemBufClient *client,
                  const char *purpose, const Validity &v) {
     if (!v.failed) return;
-    int priority = purpose[0] == 'r' ? LOG_WARNING : LOG_INFO;
-    bool print = shm::LevelAtLeast(static_cast<uint32_t>(priority));
-    bool toSyslog = priority <= LOG_WARNING;
-    if (!print && !toSyslog) return;
     int attachId = client->ptHandle != nullptr ? client->ptHandle->iAttachId : -1;
-    if (print) {
-        shm::LogPrint("%.35s[%d] %s validity check fail, L:%d O:%d B:%d La:%d, %u:%u\n",
-                      ring->szTag, attachId, purpose, v.latest, v.oldest, v.boundary, v.index,
-                      v.tick, client->dwLastTimeTick);
+#define SHM_VALIDITY_LINE "%.35s[%d] %s validity check fail, L:%d O:%d B:%d La:%d, %u:%u\n"
+    if (purpose[0] == 'r') {
+        shm::LogWarning(SHM_VALIDITY_LINE, ring->szTag, attachId, purpose, v.latest, v.oldest,
+                        v.boundary, v.index, v.tick, client->dwLastTimeTick);
+    } else {
+        SHM_LOG(shm::kLevelConflict, SHM_VALIDITY_LINE, ring->szTag, attachId, purpose, v.latest,
+                v.oldest, v.boundary, v.index, v.tick, client->dwLastTimeTick);
     }
-    if (toSyslog) {
-        syslog(priority, "%.35s[%d] %s validity check fail, L:%d O:%d B:%d La:%d, %u:%u\n",
-               ring->szTag, attachId, purpose, v.latest, v.oldest, v.boundary, v.index, v.tick,
-               client->dwLastTimeTick);
-    }
+#undef SHM_VALIDITY_LINE
 }
 
 void TellUnoccupied(bool lowered) {

@@ -17,13 +17,19 @@ bool RingEmpty(const SharedMemSectorHeader *ring) {
     return shm::LoadIndex(ring->iOldestIndex) < 0 || shm::LoadIndex(ring->iLatestIndex) < 0;
 }
 
+// A client of `handle` with no place in the ring yet.
+void StartClient(SharedMemBufClient *client, SharedMemHandle *handle) {
+    *client = SharedMemBufClient{};
+    client->ptHandle = handle;
+    client->iLastIndex = -1;
+    client->iDeliveredIndex = -1;
+}
+
 SharedMemBufClient *NewClient(SharedMemHandle *handle, const SharedMemReadRequest *request) {
     SharedMemBufClient *client = static_cast<SharedMemBufClient *>(calloc(1, sizeof *client));
     if (client == nullptr) return nullptr;
     printf("SharedMem_CallocBufClient %p\n", static_cast<void *>(client));
-    client->ptHandle = handle;
-    client->iLastIndex = -1;
-    client->iDeliveredIndex = -1;
+    StartClient(client, handle);
     client->dwDeliveredTimeTick = request->dwRefTimeTick - kFirstDeliveryLead;
     if (request->dwReadFlags & SHM_READ_NEW_ONLY) client->dwLastTimeTick = request->dwRefTimeTick;
     return client;
@@ -34,10 +40,7 @@ int ReadyClient(SharedMemHandle *handle, SharedMemBufClient **pptClient,
                 SharedMemBufClient *temporary, SharedMemReadRequest *request, bool empty,
                 SharedMemBufClient **client) {
     if (pptClient == nullptr) {
-        *temporary = SharedMemBufClient{};
-        temporary->iLastIndex = -1;
-        temporary->iDeliveredIndex = -1;
-        temporary->ptHandle = handle;
+        StartClient(temporary, handle);
         *client = temporary;
         return 0;
     }
@@ -112,7 +115,7 @@ MOLK_API int SharedMem_QueryReadBuffer(SharedMemHandle *ptHandle, SharedMemBufCl
         SHM_LOG(shm::kLevelConflict, "empty queue!");
         return -1;
     }
-    SharedMemReadRequest fallback = {SHM_READ_IN_PLACE, 0, 0, 0, 0, 0, 0, 0};
+    SharedMemReadRequest fallback = shm::kDefaultRequest;
     SharedMemReadRequest *request = ptRequest != nullptr ? ptRequest : &fallback;
     if (request->dwRefTimeTick == 0) request->dwRefTimeTick = shm::CurrentTick();
 

@@ -49,10 +49,10 @@ inline void MoveCandidate(ReadStep *q, int index) {
 // Catching up: calibration and jump of a reader that lags more than the band.
 void CatchUp(ReadStep *q);
 // Keeping the distance: crossover and no-overtake. True when the query must wait
-// (reason 9 set).
+// (SHM_REASON_WAIT set).
 bool MustWait(ReadStep *q);
 // The adaptive decision. Fills the thinning; -1 ends the query
-// (reason 4 set).
+// (SHM_REASON_FAILED set).
 int DecideThinning(ReadStep *q, Thinning *thinning);
 
 }  // namespace shm

@@ -43,6 +43,9 @@ inline void StoreWord(uint32_t &word, uint32_t value) {
     __atomic_store_n(&word, value, __ATOMIC_RELAXED);
 }
 
+// What a missing read request stands for: an in-place read of zeros.
+constexpr SharedMemReadRequest kDefaultRequest = {SHM_READ_IN_PLACE, 0, 0, 0, 0, 0, 0, 0};
+
 // Ring frames occupy their size rounded up to 4 bytes. Done in 64 bits so
 // that a size near 2^32 cannot round to 0.
 inline uint64_t RoundFrameSize(uint32_t size) {

@@ -16,11 +16,8 @@ namespace {
 using shm::LoadIndex;
 using shm::LoadWord;
 
-// A missing request reads as a record of zeros asking for an in-place read.
-const SharedMemReadRequest kNoRequest = {SHM_READ_IN_PLACE, 0, 0, 0, 0, 0, 0, 0};
-
 const SharedMemReadRequest &RequestOf(const SharedMemReadRequest *request) {
-    return request != nullptr ? *request : kNoRequest;
+    return request != nullptr ? *request : shm::kDefaultRequest;
 }
 
 uint32_t TargetOf(const SharedMemReadRequest &request) {
