@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "framestore/attachments.h"
 #include "framestore/log.h"
 #include "framestore/paths.h"
 #include "framestore/sector_desc.h"
@@ -29,7 +30,10 @@ void PlaceRing(SharedMemBlockInfo *info, int index, const char *text, uint64_t *
     SharedMemSectorHeader *ring =
         static_cast<SharedMemSectorHeader *>(shm::SlotAt(info->pvHeaderBase, index));
     shm::RepartitionDesc desc = shm::ParseRepartitionDesc(text);
-    uint32_t total = static_cast<SharedMemSectorHeader *>(info->pvHeaderBase)->dwTotalSize;
+    // The rings are laid inside the segment the kernel gave, whatever slot 0
+    // says its size is.
+    uint32_t total = shm::SegmentSize(
+        info->pvDataBase, static_cast<SharedMemSectorHeader *>(info->pvHeaderBase)->dwTotalSize);
     uint32_t size = shm::ClampToRemaining(used, desc.size, total);
     if (index == 0) {
         ring->dwStartOffset = static_cast<uint32_t>(info->iSectorNum) * shm::kSlotSize;
