@@ -2,6 +2,7 @@
 // that lags too far forward; crossover and no-overtake deal with a frame
 // newer than the wanted moment.
 #include "framestore/reader.h"
+#include "framestore/sector_check.h"
 
 namespace {
 
@@ -88,7 +89,7 @@ bool MustWait(ReadStep *q) {
 extern "C" {
 
 MOLK_API int SharedMem_IsFrameTooOld(SharedMemSectorHeader *ptHeader, uint32_t dwIndex) {
-    if (ptHeader == nullptr) return 0;
+    if (!shm::RingIntact(ptHeader)) return 0;
     int index = static_cast<int>(dwIndex);
     int oldest = shm::LoadIndex(ptHeader->iOldestIndex);
     int latest = shm::LoadIndex(ptHeader->iLatestIndex);
@@ -106,7 +107,7 @@ MOLK_API int SharedMem_IsFrameTooOld(SharedMemSectorHeader *ptHeader, uint32_t d
 }
 
 MOLK_API int SharedMem_IsInsideMargin(SharedMemSectorHeader *ptHeader, uint32_t dwIndex) {
-    if (ptHeader == nullptr || dwIndex > static_cast<uint32_t>(shm::kLastEntry)) return 0;
+    if (dwIndex > static_cast<uint32_t>(shm::kLastEntry) || !shm::RingIntact(ptHeader)) return 0;
     uint32_t end = shm::LoadWord(ptHeader->dwEndOffset);
     if (end <= kNoMarginBelow) return 0;
     uint32_t margin = end > kLargeMarginAbove ? kLargeMargin : kSmallMargin;
