@@ -244,7 +244,7 @@ int Parse_OnvifAnalyticsConfigFile(OnvifAnalyticsDocument *document,
 }
 
 bool RegistryFieldWritable(const char *text) {
-    return strpbrk(text, "<&\"") == nullptr;
+    return strpbrk(text, "<>&\"") == nullptr;
 }
 
 bool RegistryRecordWritable(const VideoAnalyticsConfiguration *record) {

@@ -132,7 +132,7 @@ TEST(RegistryFile, BuilderRefusesWhatCannotBeWrittenWhole) {
     }
     EXPECT_EQ("refused", doc.Build(0));
     EXPECT_EQ(std::string(), doc.d->text);
-    for (const char *bad : {"a<b", "a&amp;b", "say \"x\""}) {
+    for (const char *bad : {"a<b", "v/>", "a&amp;b", "say \"x\""}) {
         doc.list->count = 1;
         doc.list->entries[0] = Record("T", 1, 0);
         snprintf(doc.list->entries[0].name, sizeof doc.list->entries[0].name, "%s", bad);
