@@ -101,35 +101,6 @@ int OpenSet(key_t key, int *semId) {
 
 }  // namespace
 
-namespace molk {
-
-key_t SemaphoreKey(const char *path) {
-    return path == nullptr ? static_cast<key_t>(-1) : ftok(path, kSemaphoreProjectId);
-}
-
-int SemaphoreId(const MolkSemaphoreHandle *handle) {
-    return handle == nullptr ? -1 : handle->semid;
-}
-
-key_t SemaphoreKeyOf(const MolkSemaphoreHandle *handle) {
-    struct semid_ds info;
-    SemArg arg;
-    arg.buf = &info;
-    if (handle == nullptr || semctl(handle->semid, 0, IPC_STAT, arg) == -1) {
-        return static_cast<key_t>(-1);
-    }
-    return info.sem_perm.__key;
-}
-
-bool SemaphoreIsLive(const MolkSemaphoreHandle *handle, const char *path) {
-    if (handle == nullptr || handle->semid == -1) return false;
-    key_t key = SemaphoreKey(path);
-    if (key == static_cast<key_t>(-1)) return false;
-    return semget(key, 1, kSemaphoreMode) == handle->semid;
-}
-
-}  // namespace molk
-
 extern "C" {
 
 MOLK_API int MolkSemaphore_Initial(MolkSemaphoreHandle **pptHandle, const char *szPath) {

@@ -116,7 +116,12 @@ MOLK_API int MolkUtil_GetChildInt(MolkXmlNavi *pNavi, const char *szName, int *p
     if (piValue == nullptr || MOLK_XML_FindChildElem(pNavi, szName) != 1) return -1;
     char text[kNumberTextSize] = {0};
     MOLK_XML_GetChildData(pNavi, text, sizeof text);
-    *piValue = static_cast<int>(strtol(text, nullptr, 10));
+    // Held to 32 bits as on the device, where strtol stops at the limits of
+    // its 32-bit long; a 64-bit host gives the same numbers.
+    long long value = strtoll(text, nullptr, 10);
+    if (value > INT_MAX) value = INT_MAX;
+    if (value < INT_MIN) value = INT_MIN;
+    *piValue = static_cast<int>(value);
     return 0;
 }
 
