@@ -157,7 +157,7 @@ TEST_F(SemaphoreTest, ContendingProcessesTakeTurns) {
 // Processes that open a path with no set at the same moment: only one of
 // them sets it free, so the lock never has two holders.
 TEST_F(SemaphoreTest, CreationRaceSetsTheLockFreeOnce) {
-    for (int round = 0; round < 120; ++round) {
+    for (int round = 0; round < 60; ++round) {
         int gate[2];
         ASSERT_EQ(0, pipe(gate));
         std::vector<pid_t> children;
@@ -178,7 +178,7 @@ TEST_F(SemaphoreTest, CreationRaceSetsTheLockFreeOnce) {
         EXPECT_EQ(1, semctl(id, 0, GETVAL));
         semctl(id, 0, IPC_RMID);
     }
-    EXPECT_EQ(120 * 5 * 3, shared_->counter);
+    EXPECT_EQ(60 * 5 * 3, shared_->counter);
 }
 
 // A set made but never given a value (its creator killed in between) is
