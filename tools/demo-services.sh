@@ -60,7 +60,11 @@ register() {  # description file: a module process holding its registration
   for _ in $(seq 200); do grep -q '^molkmod: \(registered\|unregistered\)' "$log" 2>/dev/null && break; sleep 0.05; done
   grep '^molkmod: ' "$log" || { cat "$log"; exit 1; }
 }
-run() { say "\$ molkmod $(printf '%q ' "$@")"; "$tools/molkmod" "$@" | grep -v '^\(RegisterOnvif\|Get install\|XMLProcessor\)' || true; }
+run() {  # the library's own progress lines are left out
+  say "\$ molkmod $(printf '%q ' "$@")"
+  "$tools/molkmod" "$@" > $work/out 2>&1 || { cat $work/out; exit 1; }
+  grep -v '^\(RegisterOnvif\|Get install\|XMLProcessor\)' $work/out || true
+}
 
 register $work/motion-ae.xml
 register $work/rules-re.xml

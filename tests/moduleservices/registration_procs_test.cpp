@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <random>
 #include <set>
+#include <string>
 
 #include "molkutil.h"
 #include "registry_support.h"
@@ -17,7 +18,6 @@
 namespace {
 
 using namespace regtest;
-constexpr uint32_t kUnwritten = 0xA5A5A5A5u;
 
 // As a module does: tries again while it loses the lock (error word
 // unwritten). Exit code 0 registered, 1 refused, 2 never got the lock.
@@ -32,11 +32,14 @@ constexpr uint32_t kUnwritten = 0xA5A5A5A5u;
     _exit(2);
 }
 
+pid_t Spawn(const std::string &description) {
+    const pid_t pid = fork();
+    if (pid == 0) RegisterAndExit(description);
+    return pid;
+}
+
 bool Exited(pid_t pid, int *status) {
-    for (int i = 0; i < 6000; ++i, usleep(10000)) {
-        if (waitpid(pid, status, WNOHANG) == pid) return true;
-    }
-    return false;
+    return WaitFor([&] { return waitpid(pid, status, WNOHANG) == pid; });
 }
 
 TEST_F(RegistryTest, ConcurrentRegistrationsAreAllKept) {
@@ -79,11 +82,9 @@ TEST_F(RegistryTest, KilledHolderLetsTheWaiterGoOn) {
     }
     char c;
     ASSERT_EQ(1, read(ready[0], &c, 1));
-    const pid_t waiter = fork();
-    if (waiter == 0) RegisterAndExit(Module("W", "motion", getpid(), 0));
+    const pid_t waiter = Spawn(Module("W", "motion", 4343, 0));
     const int semId = semget(RegistryKey(), 0, 0);
-    for (int i = 0; i < 6000 && semctl(semId, 0, GETNCNT) < 1; ++i) usleep(10000);
-    EXPECT_EQ(1, semctl(semId, 0, GETNCNT)) << "the waiter should be blocked on the holder";
+    EXPECT_TRUE(WaitFor([&] { return semctl(semId, 0, GETNCNT) == 1; })) << "the waiter should block";
     kill(holder, SIGKILL);
     waitpid(holder, nullptr, 0);
     int status = -1;
@@ -101,21 +102,17 @@ long long NowUs() {
 }
 
 TEST_F(RegistryTest, KillAtRandomMomentsLeavesOldOrNewText) {
-    // Sides under foreign PIDs, so that both texts are the same in every run.
+    // Sides under foreign PIDs, so that both texts are the same in every
+    // run; one whole registration in a child gives the span to aim into.
     uint32_t error;
     OnvifAnalyticsHandle *h = nullptr;
     std::string first = Module("Old", "motion", 4141, 0), second = Module("New", "rules", 0, 4242);
     ASSERT_EQ(0, RegisterOnvifAnalyticsService(&h, &first[0], &error));
     const std::string old = ReadText(molk::kRegistryPath);
-    ASSERT_EQ(0, RegisterOnvifAnalyticsService(&h, &second[0], &error));
-    const std::string fresh = ReadText(molk::kRegistryPath);
-    // One whole registration in a child gives the span to aim into.
-    WriteText(molk::kRegistryPath, old);
     long long start = NowUs();
-    pid_t child = fork();
-    if (child == 0) RegisterAndExit(second);
-    waitpid(child, nullptr, 0);
+    waitpid(Spawn(second), nullptr, 0);
     const long long span = NowUs() - start;
+    const std::string fresh = ReadText(molk::kRegistryPath);
     const char *env = getenv("MOLK_KILL_ITERATIONS");
     const int iterations = env != nullptr ? atoi(env) : 200;
     std::mt19937 random(12345);
@@ -124,8 +121,7 @@ TEST_F(RegistryTest, KillAtRandomMomentsLeavesOldOrNewText) {
     for (int i = 0; i < iterations; ++i) {
         WriteText(molk::kRegistryPath, old);
         keys.insert(RegistryKey());
-        child = fork();
-        if (child == 0) RegisterAndExit(second);
+        const pid_t child = Spawn(second);
         usleep(static_cast<useconds_t>(random() % (span * 3 / 2 + 1)));
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
