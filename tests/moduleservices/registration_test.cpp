@@ -12,6 +12,7 @@
 
 #include "molkutil.h"
 #include "registry_support.h"
+#include "standin_support.h"
 
 // Every signal 31 the library sends, from this process or a forked one, is
 // logged here first: the order of the calls is what the daemons cannot see.
@@ -219,14 +220,9 @@ struct ModuleProcess {
 };
 
 pid_t StartDaemon(const char *name) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const int fd = open((std::string("/tmp/") + name + ".log").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(fd, 1);
-        execl((std::string(getenv("MOLK_TOOLS_DIR")) + "/" + name).c_str(), name, static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    return pid;
+    const std::string log = std::string("/tmp/") + name + ".log";
+    unlink(log.c_str());
+    return svctest::StartTool(name, {}, log);
 }
 
 // The line a daemon logged for its n-th signal, "" until it has.
@@ -245,7 +241,7 @@ TEST_F(RegistryTest, SequencesFromSeveralProcessesFollowTheModel) {
     model.entries.push_back({"Pre", "old", 7, {999999, 1, "/c", "/d"}, {}});
     WriteText(molk::kRegistryPath, model.Render(0));
     const pid_t asd = StartDaemon("onvifasd"), d = StartDaemon("onvifd");
-    ASSERT_TRUE(WaitFor([] { return access(molk::kOnvifAsdPidPath, F_OK) == 0 && access(molk::kOnvifdPidPath, F_OK) == 0; }));
+    ASSERT_TRUE(WaitFor([] { return !ReadText(molk::kOnvifAsdPidPath).empty() && !ReadText(molk::kOnvifdPidPath).empty(); }));
     unlink("/tmp/molk-signals");
     ModuleProcess p[6];
     // Process, token ("U": unregister), package, sides; process 5 registers

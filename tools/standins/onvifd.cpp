@@ -88,15 +88,17 @@ int main(int argc, char **argv) {
     MolkXmlNavi *xml = nullptr;
     MolkXmlInitParam param = {0, kTextSize};
     if (MOLK_XML_Initial(&xml, &param) != 0) return 1;
-    char pidPath[PATH_MAX];
+    // Written under another name and renamed, so that a reader never meets
+    // an empty PID file.
+    char pidPath[PATH_MAX], newPath[PATH_MAX + 4];
     snprintf(pidPath, sizeof pidPath, "/var/run/%s.pid", name);
-    FILE *pidFile = fopen(pidPath, "w");
-    if (pidFile == nullptr) {
+    snprintf(newPath, sizeof newPath, "%s.new", pidPath);
+    FILE *pidFile = fopen(newPath, "w");
+    if (pidFile == nullptr || fprintf(pidFile, "%d\n", static_cast<int>(getpid())) < 0 ||
+        fclose(pidFile) != 0 || rename(newPath, pidPath) != 0) {
         fprintf(stderr, "%s: cannot write %s\n", name, pidPath);
         return 1;
     }
-    fprintf(pidFile, "%d\n", static_cast<int>(getpid()));
-    fclose(pidFile);
     printf("%s: ready, pid %d\n", name, static_cast<int>(getpid()));
     int signals = 0;
     for (;;) {
