@@ -101,7 +101,8 @@ struct Work {
     OnvifAnalyticsDocument *document;
 };
 
-// 0, or -1 when something could not be had; what was had stays in work.
+// 0; -1 when memory could not be had, -2 when the XML handle could not be
+// made. What was had stays in work for CloseWork.
 int OpenWork(Work *work, int maxElements) {
     work->list = static_cast<VideoAnalyticsConfigurationList *>(calloc(1, sizeof *work->list));
     work->document = static_cast<OnvifAnalyticsDocument *>(calloc(1, sizeof *work->document));

@@ -69,7 +69,7 @@ const char *ErrorMeaning(uint32_t error) {
     case 1: return "token conflict: a side of this token is already registered";
     case 2: return "the module description is invalid";
     case 8: return "out of memory, or the package or registry file cannot be used";
-    default: return "the registry lock could not be had";
+    default: return "the registry could not be locked; see the messages above";
     }
 }
 
@@ -144,6 +144,10 @@ bool TokenHeldBy(const char *token, int pid) {
 
 int CmdRegister(int argc, char **argv) {
     if (argc != 2) return Fail("usage: molkmod register FILE");
+    if (access(molk::kRegistryPath, F_OK) != 0) {
+        return Fail("no registry file %s: the device makes it before the first registration",
+                    molk::kRegistryPath);
+    }
     char *text = ReadDescription(argv[1]);
     if (text == nullptr) return Fail("cannot read the module description %s", argv[1]);
     ReplaceSelf(text);
