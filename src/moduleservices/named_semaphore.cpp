@@ -67,6 +67,7 @@ Setup WaitForSetup(int semId) {
 // in between. Gives -1 only when the creator's first value fails.
 int OpenSet(key_t key, int *semId) {
     *semId = -1;
+    if (key == static_cast<key_t>(-1)) return 0;  // the file went away: no set under key -1
     for (int round = 0; round < kOpenRounds; ++round) {
         int id = semget(key, 1, IPC_CREAT | IPC_EXCL | molk::kSemaphoreMode);
         if (id != -1) {
