@@ -337,6 +337,7 @@ TEST(Timeshift, FrameTooOldNamesTheOldestAndTheTwoAfterIt) {
         {9, 0, 9, {0}, {}},  // after a wrap the latest is no exception
     };
     SharedMemSectorHeader header = {};
+    header.dwSectorType = SHM_SECTOR_RING;
     header.iMaxIndex = SHM_FRAME_ENTRIES - 1;
     for (const Case &c : cases) {
         header.iOldestIndex = c.o;
@@ -365,6 +366,7 @@ TEST(Timeshift, InsideMarginAtItsEdges) {
         {1048576, 1000, 1047000, 2495, 1}, {2010000, 2000000, 2005000, 2009000, 1},
     };
     SharedMemSectorHeader header = {};
+    header.dwSectorType = SHM_SECTOR_RING;
     for (const Case &c : cases) {
         header.dwEndOffset = c.end;
         header.dwStartOffset = c.start;
