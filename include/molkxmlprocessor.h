@@ -25,6 +25,47 @@
  * MOLK_XML_OutOfElem answer 1 (yes) or 0 (no) instead.
  *
  * A handle and its text belong to one thread at a time.
+ *
+ * Behaviour on unusual input. Where two readings were possible, this is
+ * what the library does, and why:
+ *
+ * - A quote inside a "<!" form (a document type or other declaration; not
+ *   a comment, CDATA section or processing instruction) hides everything up
+ *   to the next same quote. A quote without that partner before the parsed
+ *   length or a NUL leaves the form unterminated: -4, "Invalid node". So
+ *   "<!DOCTYPE a \"x><a/>" and "<!NOTE 'x><a/>" are refused, while
+ *   "<!DOCTYPE a \"x\"><a/>" parses. Reading on one byte past such a quote
+ *   would let text behind it decide the tree: an edit writes quotes (every
+ *   attribute value stands between them, and element values may hold
+ *   them) and measures the length anew up to the NUL, so the lone quote
+ *   could find a partner later. "<r><!X \"y><a/></r>" read that way has a
+ *   child a; add an attribute to a and the quote pairs with the one of
+ *   b="1", hiding a from a fresh parse. That a fresh parse of an edited
+ *   text gives the same tree wins over reading on.
+ *
+ * - The tokens of an end tag count by their bytes, quoted or not, and a
+ *   quoted token starts behind its quote: "<a></\"a\">" closes a, and so
+ *   does "<a></a \">\"", whose end tag closes on the '>' right behind the
+ *   quote (that offset is iEndTagClose). Whether that quote has a partner
+ *   does not matter, so "<a></a \">" closes a too, and no text written
+ *   behind the end tag changes the answer. A quote followed by anything
+ *   else, or standing last before the length, leaves the end tag not
+ *   completed.
+ *
+ * - A self-closed element whose closing '/' follows another '/' ("<p//>")
+ *   takes no child element: the edits that would add one give -5 and
+ *   change nothing. Adding a child turns the last '/' into '>', which would
+ *   leave "<p/>", again a self-closed start tag, and a fresh parse would
+ *   read another tree. Its attributes can still be set, and "<p/ />", with
+ *   a blank between, takes children.
+ *
+ * - Nesting is bounded at MOLK_XML_MAX_DEPTH (256) levels, the root element
+ *   being level 1. A start tag that would open level 257, self-closed or
+ *   not, makes the parse give -4 with the error text "Element nesting too
+ *   deep at around %s", where %s is the decimal offset of that tag's '<'.
+ *   It is the one error text of a parse that does not stand for malformed
+ *   markup: the document may be well formed, only too deep for the
+ *   parser's fixed stack.
  */
 #ifndef MOLKXMLPROCESSOR_H
 #define MOLKXMLPROCESSOR_H

@@ -338,6 +338,15 @@ inline char first_byte(const XmlToken *t)
     return t->iEnd >= t->iStart ? t->pDoc[t->iStart] : '\0';
 }
 
+/* Whether a token begins with `c`: the byte at its start, below `len`. A
+ * quoted token that finds no partner is empty but still starts right behind
+ * its quote, so the answer never depends on where, or whether, a partner
+ * follows: text that a later edit writes behind the token cannot change it. */
+inline bool starts_with(const XmlToken *t, int len, char c)
+{
+    return t->iStart < len && t->pDoc[t->iStart] == c;
+}
+
 inline int token_len(const XmlToken *t)
 {
     const int n = t->iEnd - t->iStart + 1;
@@ -425,9 +434,12 @@ int parse_node(XmlToken *t, int len, int limit)
             term = "-->", tlen = 3, code = NODE_COMMENT;
         } else if (c1 == '!') {
             // Document type: read by tokens, brackets nest, quotes hide.
-            // A quote without its partner ends the scan as unterminated:
-            // read on, its extent would hang on quotes far behind it, which
-            // a later edit of the document could add.
+            // A quote without its partner before the length or a NUL ends
+            // the scan as unterminated: read on, what the form hides would
+            // hang on quotes far behind it, which a later edit could write
+            // (attribute values stand between quotes) or bring inside the
+            // length it measures anew, and a fresh parse of the edited text
+            // would give another tree.
             int depth = 0;
             t->iNext = n;
             while (find_token(t, len)) {
@@ -620,15 +632,15 @@ int close_element(Parser &p, const Frame &f)
     XmlToken t;
     CreatToken(&t, d);
     t.iNext = lt + 1;
-    // The '/' and the closing '>' are markup: a quoted token never stands
-    // for them ("</a \">\"" is no end tag).
-    if (!find_token(&t, len) || t.bQuoted || first_byte(&t) != '/')
+    // Quoted or not, each token counts by its bytes: "</\"a\">" names `a`,
+    // and "</a \">\"" is closed by the '>' behind the quote.
+    if (!find_token(&t, len) || !starts_with(&t, len, '/'))
         return parse_fail_name(p, kExpectingEnd, f);
     if (!find_token(&t, len))
         return parse_fail_name(p, kEndIncomplete, f);
     if (token_len(&t) != f.nameLen || !same_bytes(d + t.iStart, d + f.nameStart, f.nameLen))
         return parse_fail_name(p, kEndMismatch, f);
-    if (!find_token(&t, len) || t.bQuoted || first_byte(&t) != '>')
+    if (!find_token(&t, len) || !starts_with(&t, len, '>'))
         return parse_fail_name(p, kEndIncomplete, f);
     r->iEndTagClose = t.iStart;
     return f.pos;
@@ -818,6 +830,167 @@ void shift_descendants(MolkXmlNavi *h, int root, int delta, int *budget)
             }
         }
     }
+}
+
+
+/* ---- Adding an element -------------------------------------------------------------- */
+
+/* The parent's form decides the text around a new element. */
+enum ParentForm {
+    PARENT_SELF_CLOSED, // "<p/>": its '/' gives way to '>' and it gets an end tag
+    PARENT_OPEN_EMPTY,  // "<p></p>": the element goes on a line of its own
+    PARENT_FILLED,      // anything else: the element goes where it was located
+};
+
+ParentForm parent_form(const ElemPos &P)
+{
+    if (IsEmptyElement(&P))
+        return PARENT_SELF_CLOSED;
+    return P.iStartTagClose + 1 == P.iEndTagOpen ? PARENT_OPEN_EMPTY : PARENT_FILLED;
+}
+
+/* The new element: name and value (null: none) with their lengths in
+ * bytes; V is the value's length once escaped. */
+struct NewElement {
+    const char *name;
+    const char *value;
+    int64_t N, rawV, V;
+};
+
+/* "<name/>" or "<name>value</name>". */
+inline int64_t markup_length(const NewElement &e)
+{
+    return e.value ? 2 * e.N + e.V + 5 : e.N + 3;
+}
+
+/* The capacity rule, by the parent's form and its start tag's length S. It
+ * is a little more than the text actually written. */
+int64_t working_size(ParentForm form, int64_t S, const NewElement &e)
+{
+    if (form == PARENT_SELF_CLOSED)
+        return e.value ? S + 18 + e.V + 2 * e.N : S + 16 + e.N;
+    return e.value ? e.V + 2 * e.N + 12 : e.N + 10;
+}
+
+/* Where the text goes: `lead`, the element and CRLF replace `removed` bytes
+ * at `at`, and for a self-closed parent "</" and its tag name follow. */
+struct Placement {
+    int at;
+    int removed;
+    int start; // iStartTagOpen of the new element
+    const char *lead;
+    int leadLen;
+    bool endTag;
+    int tagStart, tagLen; // the parent's tag name, before `at`
+};
+
+Placement place_text(const MolkXmlNavi *h, int parent, ParentForm form, int offset)
+{
+    const ElemPos &P = h->m_pElemPos[parent];
+    Placement pl = {offset, 0, offset, "", 0, false, 0, 0};
+    if (form == PARENT_SELF_CLOSED) {
+        pl = {P.iStartTagClose - 1, 1, offset + 2, ">\r\n", 3, true, 0, 0};
+        XmlToken t;
+        if (tag_name_token(h, parent, &t)) {
+            pl.tagStart = t.iStart;
+            pl.tagLen = token_len(&t);
+        }
+    } else if (form == PARENT_OPEN_EMPTY) {
+        pl = {P.iStartTagClose + 1, 0, offset + 2, "\r\n", 2, false, 0, 0};
+    }
+    return pl;
+}
+
+inline int64_t text_length(const Placement &pl, const NewElement &e)
+{
+    return pl.leadLen + markup_length(e) + 2 + (pl.endTag ? 2 + pl.tagLen : 0);
+}
+
+/* The parent and the sibling to add behind, from the cursor: 0, or -1 or
+ * -5 for the caller. Only an empty document takes a root element. */
+int add_target(MolkXmlNavi *h, bool child, int *parent, int *after)
+{
+    *parent = child ? h->m_iMainPos : h->m_iParentPos;
+    *after = child ? h->m_iChildPos : h->m_iMainPos;
+    if (child && *parent == 0)
+        return MOLK_XML_ERR_CURSOR;
+    const int over = h->m_nElemPosCount - 1;
+    if (*parent < 0 || *parent >= over || *after < 0 || *after >= over)
+        return -1;
+    if (*parent == 0) {
+        if (h->m_pElemPos[0].iFirstChild)
+            return MOLK_XML_ERR_CURSOR;
+        h->m_pElemPos[0].iEndTagOpen = h->m_nDocLength;
+    }
+    return 0;
+}
+
+/* Takes the next free record and links it under `parent`, behind `after`
+ * or, with `after` 0, as the first child. */
+int take_record(MolkXmlNavi *h, int parent, int after)
+{
+    ElemPos *tab = h->m_pElemPos;
+    const int np = h->m_iFreePos++;
+    ElemPos *nr = &tab[np];
+    ClearElemPos(nr);
+    nr->iParent = parent;
+    int &link_in = after ? tab[after].iNextSibling : tab[parent].iFirstChild;
+    nr->iNextSibling = link_in;
+    link_in = np;
+    return np;
+}
+
+/* The offsets of a new element whose '<' is at `s`. */
+void set_new_offsets(ElemPos *r, int s, const NewElement &e)
+{
+    const int N = static_cast<int>(e.N);
+    r->iStartTagOpen = s;
+    if (!e.value) {
+        r->iEndTagOpen = s + N + 1;
+        r->iStartTagClose = r->iEndTagClose = s + N + 2;
+    } else {
+        r->iStartTagClose = s + N + 1;
+        r->iEndTagOpen = r->iStartTagClose + static_cast<int>(e.V) + 1;
+        r->iEndTagClose = r->iEndTagOpen + N + 2;
+    }
+}
+
+/* Writes the text straight into a gap opened for it. The parent's tag name
+ * lies before the gap and is not moved. */
+void write_text(MolkXmlNavi *h, const Placement &pl, const NewElement &e, int64_t textLen)
+{
+    const size_t N = static_cast<size_t>(e.N);
+    char *o = h->m_csDoc + open_gap(h, pl.at, pl.removed, textLen);
+    o = put(o, pl.lead, static_cast<size_t>(pl.leadLen));
+    *o++ = '<';
+    o = put(o, e.name, N);
+    if (e.value) {
+        *o++ = '>';
+        o = write_escaped(o, e.value, e.rawV);
+        o = put(o, "</", 2);
+        o = put(o, e.name, N);
+        *o++ = '>';
+    } else {
+        o = put(o, "/>", 2);
+    }
+    o = put(o, "\r\n", 2);
+    if (pl.endTag) {
+        o = put(o, "</", 2);
+        put(o, h->m_csDoc + pl.tagStart, static_cast<size_t>(pl.tagLen));
+    }
+}
+
+/* The new element becomes the main position, or, for the Child forms, the
+ * child of the parent as main position. */
+void select_new(MolkXmlNavi *h, bool child, int parent, int np)
+{
+    if (!child) {
+        x_SetPos(h, parent, np, 0);
+        return;
+    }
+    h->m_iMainPos = parent;
+    h->m_iChildPos = np;
+    h->m_nMainNode = 1;
 }
 
 } // namespace
@@ -1271,148 +1444,51 @@ int x_AddElem(MolkXmlNavi *pNavi, const char *szName, const char *szValue, int b
 {
     if (!table_ok(pNavi) || !szName || !*szName || !pNavi->m_csDoc)
         return -1;
-    ElemPos *tab = pNavi->m_pElemPos;
-    const int over = pNavi->m_nElemPosCount - 1;
     int parent, after;
-    if (bChild) {
-        parent = pNavi->m_iMainPos;
-        if (parent == 0)
-            return MOLK_XML_ERR_CURSOR;
-        after = pNavi->m_iChildPos;
-    } else {
-        parent = pNavi->m_iParentPos;
-        after = pNavi->m_iMainPos;
-    }
-    if (parent < 0 || parent >= over || after < 0 || after >= over)
-        return -1;
-    if (parent == 0) {
-        // Only an empty document takes a root element.
-        if (tab[0].iFirstChild)
-            return MOLK_XML_ERR_CURSOR;
-        tab[0].iEndTagOpen = pNavi->m_nDocLength;
-    }
+    const int target = add_target(pNavi, bChild != 0, &parent, &after);
+    if (target != 0)
+        return target;
     int offset = 0;
     x_LocateNew(pNavi, parent, &after, &offset, 0, bInsert ? 1 : 0);
-    const ElemPos P = tab[parent];
-    const bool selfClosed = IsEmptyElement(&P) != 0;
-    const bool openEmpty = !selfClosed && P.iStartTagClose + 1 == P.iEndTagOpen;
+    const ElemPos P = pNavi->m_pElemPos[parent];
+    const ParentForm form = parent_form(P);
     // A self-closed parent gets its '/' replaced by '>'. If another '/'
     // stands before it ("<p//>"), the new start tag would read as
     // self-closed again and the text would no longer match the table.
-    if (selfClosed && parent != 0 && P.iStartTagClose >= 2 &&
+    if (form == PARENT_SELF_CLOSED && parent != 0 && P.iStartTagClose >= 2 &&
         pNavi->m_csDoc[P.iStartTagClose - 2] == '/')
         return MOLK_XML_ERR_CURSOR;
 
-    if (pNavi->m_iFreePos < 1 || pNavi->m_iFreePos >= over) {
+    if (pNavi->m_iFreePos < 1 || pNavi->m_iFreePos >= pNavi->m_nElemPosCount - 1) {
         set_error(pNavi, kNumberLimit);
         return MOLK_XML_ERR_ELEMENTS;
     }
-    const int64_t N = static_cast<int64_t>(strlen(szName));
-    const int64_t rawV = szValue ? static_cast<int64_t>(strlen(szValue)) : 0;
-    const int64_t V = szValue ? escaped_length(szValue, rawV) : 0;
+    NewElement e;
+    e.name = szName;
+    e.value = szValue;
+    e.N = static_cast<int64_t>(strlen(szName));
+    e.rawV = szValue ? static_cast<int64_t>(strlen(szValue)) : 0;
+    e.V = szValue ? escaped_length(szValue, e.rawV) : 0;
     const int64_t S = static_cast<int64_t>(P.iStartTagClose) - P.iStartTagOpen + 1;
-    // The working size is the capacity rule; it is a little larger than the
-    // text actually written.
-    int64_t work;
-    if (selfClosed)
-        work = szValue ? S + 18 + V + 2 * N : S + 16 + N;
-    else
-        work = szValue ? V + 2 * N + 12 : N + 10;
-    if (static_cast<int64_t>(pNavi->m_nDocLength) + work > static_cast<int64_t>(pNavi->m_nDocCapacity) - 1) {
+    if (static_cast<int64_t>(pNavi->m_nDocLength) + working_size(form, S, e) >
+        static_cast<int64_t>(pNavi->m_nDocCapacity) - 1) {
         set_error(pNavi, kOverrun);
         return MOLK_XML_ERR_BUFFER;
     }
 
-    // The text: [">" CRLF] | [CRLF] , the element, CRLF, ["</" T].
-    int tStart = 0, tLen = 0;
-    if (selfClosed) {
-        XmlToken t;
-        if (tag_name_token(pNavi, parent, &t)) {
-            tStart = t.iStart;
-            tLen = token_len(&t);
-        }
-    }
-    const int64_t element = szValue ? 2 * N + V + 5 : N + 3;
-    int at, removed, s;
-    int64_t textLen;
-    if (selfClosed) {
-        at = P.iStartTagClose - 1; // the '/', replaced; the '>' stays
-        removed = 1;
-        s = offset + 2;
-        textLen = 3 + element + 2 + 2 + tLen;
-    } else if (openEmpty) {
-        at = P.iStartTagClose + 1;
-        removed = 0;
-        s = offset + 2;
-        textLen = 2 + element + 2;
-    } else {
-        at = offset;
-        removed = 0;
-        s = offset;
-        textLen = element + 2;
-    }
-
-    // Take the record and link it.
-    const int np = pNavi->m_iFreePos++;
-    ElemPos *nr = &tab[np];
-    ClearElemPos(nr);
-    nr->iParent = parent;
-    if (after) {
-        nr->iNextSibling = tab[after].iNextSibling;
-        tab[after].iNextSibling = np;
-    } else {
-        nr->iNextSibling = tab[parent].iFirstChild;
-        tab[parent].iFirstChild = np;
-    }
-    nr->iStartTagOpen = s;
-    if (!szValue) {
-        nr->iEndTagOpen = s + static_cast<int>(N) + 1;
-        nr->iStartTagClose = nr->iEndTagClose = s + static_cast<int>(N) + 2;
-    } else {
-        nr->iStartTagClose = s + static_cast<int>(N) + 1;
-        nr->iEndTagOpen = nr->iStartTagClose + static_cast<int>(V) + 1;
-        nr->iEndTagClose = nr->iEndTagOpen + static_cast<int>(N) + 2;
-    }
-    if (selfClosed) {
+    const Placement pl = place_text(pNavi, parent, form, offset);
+    const int64_t textLen = text_length(pl, e);
+    const int np = take_record(pNavi, parent, after);
+    set_new_offsets(&pNavi->m_pElemPos[np], pl.start, e);
+    if (pl.endTag) {
         // The old '>' closes the new end tag; the shift below completes it.
-        tab[parent].iStartTagClose = at;
-        tab[parent].iEndTagOpen -= 1 + tLen;
+        pNavi->m_pElemPos[parent].iStartTagClose = pl.at;
+        pNavi->m_pElemPos[parent].iEndTagOpen -= 1 + pl.tagLen;
     }
-
-    // Write the text straight into the gap; the parent's tag name lies before
-    // the gap and is not moved.
-    const int gap = open_gap(pNavi, at, removed, textLen);
-    char *o = pNavi->m_csDoc + gap;
-    if (selfClosed)
-        o = put(o, ">\r\n", 3);
-    else if (openEmpty)
-        o = put(o, "\r\n", 2);
-    *o++ = '<';
-    o = put(o, szName, static_cast<size_t>(N));
-    if (szValue) {
-        *o++ = '>';
-        o = write_escaped(o, szValue, rawV);
-        o = put(o, "</", 2);
-        o = put(o, szName, static_cast<size_t>(N));
-        *o++ = '>';
-    } else {
-        o = put(o, "/>", 2);
-    }
-    o = put(o, "\r\n", 2);
-    if (selfClosed) {
-        o = put(o, "</", 2);
-        o = put(o, pNavi->m_csDoc + tStart, static_cast<size_t>(tLen));
-    }
+    write_text(pNavi, pl, e, textLen);
     measure_document(pNavi);
-    x_Adjust(pNavi, np, static_cast<int>(textLen) - removed, 0);
-
-    if (bChild) {
-        pNavi->m_iMainPos = parent;
-        pNavi->m_iChildPos = np;
-        pNavi->m_nMainNode = 1;
-    } else {
-        x_SetPos(pNavi, parent, np, 0);
-    }
+    x_Adjust(pNavi, np, static_cast<int>(textLen) - pl.removed, 0);
+    select_new(pNavi, bChild != 0, parent, np);
     return 0;
 }
 

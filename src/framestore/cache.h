@@ -15,6 +15,7 @@
 
 #include <cstdint>
 
+#include "framestore/clock.h"
 #include "framestore/ring.h"
 
 namespace shm {
@@ -56,8 +57,13 @@ inline void PublishSlotFlags(SharedMemCacheEntry &entry, uint32_t flags) {
     __atomic_store_n(&entry.dwFlags, flags, __ATOMIC_RELEASE);
 }
 
-// a is a later tick than b, wrap-safe.
-inline bool TickNewer(uint32_t a, uint32_t b) { return SharedMem_DWComparator(a, b, nullptr) > 0; }
+// The slot holds the read-through copy named by `key` of a frame of `size`
+// bytes. Acquire: a copy published without the lock is whole once its key
+// shows.
+inline bool HoldsCopy(const SharedMemCacheEntry &slot, uint32_t key, uint32_t size) {
+    return __atomic_load_n(&slot.dwFlags, __ATOMIC_ACQUIRE) == key &&
+           LoadWord(slot.dwSize) == size;
+}
 
 // Address of a slot's data when its first `length` bytes lie inside the
 // sector's data area, else null: the offset comes from the segment.

@@ -121,9 +121,9 @@ MOLK_API int SharedMem_SearchNextCacheIndex(SharedMemCacheHeader *ptHeader,
         uint32_t flags = shm::SlotFlags(ptHeader, i);
         uint32_t tick = shm::SlotTick(ptHeader, i);
         if (wanted != 0 && wanted != (flags >> 16)) continue;
-        if (!shm::TickNewer(tick, dwRefTimeTick) || (flags & shm::kSlotUnreadable)) continue;
+        if (!shm::TickLater(tick, dwRefTimeTick) || (flags & shm::kSlotUnreadable)) continue;
         // Of equal ticks the lower slot stands.
-        if (best < 0 || shm::TickNewer(bestTick, tick)) {
+        if (best < 0 || shm::TickLater(bestTick, tick)) {
             best = i;
             bestTick = tick;
         }

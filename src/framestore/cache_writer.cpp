@@ -166,12 +166,12 @@ MOLK_API int SharedMem_SearchOldestBufferIndex(SharedMemCacheHeader *ptHeader, i
         }
         if (PassOver(ptHeader, i, dwMask)) continue;
         uint32_t tick = shm::SlotTick(ptHeader, i);
-        if ((dwMask & kStopAtStrange) && shm::TickNewer(tick, latestTick)) {
+        if ((dwMask & kStopAtStrange) && shm::TickLater(tick, latestTick)) {
             SHM_TRACE(kTraceCacheSearch, "found strange cache %d %u newer than latest one %u\n",
                       i, tick, latestTick);
             return i;
         }
-        if (shm::TickNewer(tick, best)) continue;
+        if (shm::TickLater(tick, best)) continue;
         best = tick;
         found = i;
         SHM_TRACE(kTraceCacheSearch, "caching search older one %d\n", i);

@@ -14,8 +14,7 @@ MOLK_API int SharedMem_DWComparator(uint32_t dwA, uint32_t dwB, uint32_t *pdwDis
     uint32_t d = dwA > dwB ? dwA - dwB : dwB - dwA;
     bool wrapped = d > ~d;  // d >= 2^31: the short way round crosses 0
     if (pdwDistance != nullptr) *pdwDistance = wrapped ? 0u - d : d;
-    if (!wrapped) return dwA > dwB ? 1 : -1;
-    return dwA < dwB ? 1 : -1;
+    return shm::TickLater(dwA, dwB) ? 1 : -1;
 }
 }
 

@@ -7,6 +7,14 @@
 
 namespace shm {
 
+// a is a later tick than b: the short way round from b to a goes forward.
+// At exactly half the circle the numerically smaller tick is the later.
+// Inline, for the searches that compare every slot or entry.
+constexpr bool TickLater(uint32_t a, uint32_t b) {
+    uint32_t forward = a - b;
+    return forward != 0 && (forward < 0x80000000u || (forward == 0x80000000u && a < b));
+}
+
 // gShm_Clktck must have been set (SharedMemBlock_Attach does it).
 uint32_t CurrentTick();
 

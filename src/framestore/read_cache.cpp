@@ -110,16 +110,15 @@ extern "C" {
 MOLK_API int SharedMem_MatchFrame(SharedMemCacheEntry *ptCacheEntry, uint32_t dwKey,
                                   SharedMemFrameEntry *ptFrameEntry) {
     if (ptCacheEntry == nullptr || ptFrameEntry == nullptr) return 0;
-    // Acquire: a copy published without the lock is whole once its key shows.
-    return __atomic_load_n(&ptCacheEntry->dwFlags, __ATOMIC_ACQUIRE) == dwKey &&
-           shm::LoadWord(ptCacheEntry->dwSize) == shm::LoadWord(ptFrameEntry->dwSize);
+    return shm::HoldsCopy(*ptCacheEntry, dwKey, shm::LoadWord(ptFrameEntry->dwSize));
 }
 
 MOLK_API int SharedMem_SearchCaching(SharedMemCacheHeader *ptHeader, uint32_t dwKey,
                                      SharedMemFrameEntry *ptEntry) {
     if (ptHeader == nullptr || ptEntry == nullptr) return -1;
+    uint32_t size = shm::LoadWord(ptEntry->dwSize);
     for (int i = 0; i <= shm::LastPrimarySlot(ptHeader); ++i) {
-        if (SharedMem_MatchFrame(&ptHeader->atCache[i], dwKey, ptEntry)) return i;
+        if (shm::HoldsCopy(ptHeader->atCache[i], dwKey, size)) return i;
     }
     return -1;
 }

@@ -48,8 +48,19 @@ TEST(XmlEdit, EditsAtTheCursor)
         {"<a x:b=\"1\"/>", nullptr, MOLK_XML_AddAttrib, "b", "2", 0, "<a x:b=\"2\"/>"},
         {"<a><c d=\"1\"/><e/></a>", nullptr, MOLK_XML_AddAttrib, "n", "v", 0, "<a n=\"v\"><c d=\"1\"/><e/></a>"},
         {"<r//>", nullptr, MOLK_XML_AddAttrib, "k", "v", 0, "<r/ k=\"v\"/>"},
-        // A self-closed tag whose '/' follows another cannot take a child.
+        // A self-closed tag whose '/' follows another cannot take a child: the
+        // start tag left behind would read as self-closed again. A blank
+        // between the two is enough.
         {"<r//>", nullptr, MOLK_XML_AddChildElem, "n", nullptr, -5, nullptr},
+        {"<r/ />", nullptr, MOLK_XML_AddChildElem, "n", nullptr, 0, "<r/ >\r\n<n/>\r\n</r>"},
+        // A '>' right behind a quote closes an end tag; text written behind it,
+        // a partner quote included, leaves that so.
+        {"<r><a></a \">\"</r>", "a", MOLK_XML_AddElem, "n", nullptr, 0, "<r><a></a \"><n/>\r\n\"</r>"},
+        {"<r><a></a \"></r>", nullptr, MOLK_XML_AddChildElem, "n", "\"", 0, "<r><a></a \"><n>\"</n>\r\n</r>"},
+        {"<r><a></\"a\"></r>", "a", MOLK_XML_AddElem, "n", nullptr, 0, "<r><a></\"a\"><n/>\r\n</r>"},
+        // A quote in a '<!' form keeps what it hides when an edit writes quotes
+        // behind it.
+        {"<r><!X \"y\"><a/></r>", "a", MOLK_XML_AddAttrib, "b", "1", 0, "<r><!X \"y\"><a b=\"1\"/></r>"},
         // A value whose quote has no partner in its tag is not rewritten.
         {"<r><a b=\"x>t</a><c \" e=\"1\"/></r>", "a", MOLK_XML_AddAttrib, "b", "v", -5, nullptr},
         {"<r><a b=\"x>t</a><c \" e=\"1\"/></r>", "a", MOLK_XML_AddAttrib, "e", "v", -5, nullptr},
