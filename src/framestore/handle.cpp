@@ -14,7 +14,8 @@ namespace {
 // A starting reader drops what a former holder of its AttachID left in the
 // cache. No lock: the counters are this AttachID's alone.
 void DropCachePins(SharedMemCacheHeader *cache, int attachId) {
-    if (shm::PinsSomething(attachId)) shm::ClearPinColumn(cache->atCache, shm::kCacheEntries, attachId);
+    if (!shm::PinsSomething(attachId)) return;
+    shm::ClearPinColumn(cache->atCache, shm::kCacheEntries, attachId);
 }
 
 void AttachCompanionCache(SharedMemBlockInfo *info, SharedMemHandle *handle) {

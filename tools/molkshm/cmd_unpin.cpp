@@ -45,7 +45,8 @@ int CmdUnpin(int argc, char **argv) {
     for (int i = 0; i < info->iSectorNum; ++i) {
         const SharedMemSectorHeader *sector = SectorAt(info, i);
         unsigned pins = PinsOf(sector, id);
-        if (pins != 0) printf("sector %d '%.35s': %u pins of AttachID %d\n", i, TagOf(sector), pins, id);
+        if (pins == 0) continue;
+        printf("sector %d '%.35s': %u pins of AttachID %d\n", i, TagOf(sector), pins, id);
     }
     int cleared = SharedMemBlock_ClearAttachId(info, id);
     SharedMemBlock_Detach(&info);
