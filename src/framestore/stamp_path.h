@@ -6,8 +6,9 @@
 
 namespace shm {
 
-// Null when `path` may be opened as a stamp file: absolute, a name below
-// one of the ':'-separated directories of `dirs`, and no ".." component.
+// Null when `path` may be opened as a stamp file: absolute, no ".."
+// component, and a name directly in one of the ':'-separated directories
+// of `dirs`.
 // Otherwise why not, as a short text for the log. What the path finally
 // names (a link, a directory, a FIFO) is judged at the open, not here.
 const char *StampPathRefusal(const char *path, const char *dirs = kStampDirs);

@@ -1,7 +1,8 @@
 // Which stamp paths an adaptive reader opens. The path comes from the
-// segment, so one that leaves the run-time directories, climbs with '..',
-// or ends on a link, a directory or a FIFO is refused once, logged, and
-// reads as no tick; the thing it names is left as it was.
+// segment, so one that leaves the run-time directories, goes through a
+// subdirectory of one, climbs with '..', or ends on a link, a directory or
+// a FIFO is refused once, logged, and reads as no tick; the thing it names
+// is left as it was.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -46,7 +47,7 @@ uint32_t WordIn(const char *path) {
     return word;
 }
 
-TEST(StampPath, OnlyRegularFilesBelowTheRunTimeDirectories) {
+TEST(StampPath, OnlyRegularFilesDirectlyInTheRunTimeDirectories) {
     const StampCase cases[] = {
         {"/tmp/stamp-file", kFile, true},
         {"/tmp/stamp-new", kMissing, true},  // created
@@ -56,12 +57,14 @@ TEST(StampPath, OnlyRegularFilesBelowTheRunTimeDirectories) {
         {"/tmp/../etc/conf.d/stamp-new", kMissing, false},
         {"tmp/stamp-relative", kMissing, false},
         {"/tmp/stamp-link", kLink, false},
+        {"/tmp/stamp-dirlink/stamp-target", kMissing, false},  // through a linked directory
         {"/tmp/stamp-dir", kDir, false},
         {"/tmp/stamp-fifo", kFifo, false},
         {"/etc/conf.d/stamp-new", kMissing, false},      // outside the list
         {"/tmpfoo/stamp", kMissing, false},             // a prefix is not a directory
         {"/tmp/", kMissing, false},
     };
+    ASSERT_EQ(0, symlink("/etc/conf.d", "/tmp/stamp-dirlink"));
     for (const StampCase &c : cases) {
         SCOPED_TRACE(c.path);
         unlink(kElsewhere);
@@ -96,6 +99,7 @@ TEST(StampPath, OnlyRegularFilesBelowTheRunTimeDirectories) {
         unlink(c.path);
     }
     unlink(kElsewhere);
+    unlink("/tmp/stamp-dirlink");
 }
 
 }  // namespace
