@@ -352,6 +352,19 @@ MOLK_API int SharedMem_IsInsideMargin(SharedMemSectorHeader *ptHeader, uint32_t 
 MOLK_API int SharedMem_WaitReadBuffer(SharedMemHandle *ptHandle, SharedMemBufClient *ptClient,
                                       uint32_t timeoutMs);
 
+/* ---- Clearing a dead reader's pins (this library's extension) --------- */
+
+/* A reader process that dies holding frames leaves its pins behind: the
+ * kernel gives its sector locks back, but the counters stay, and the
+ * writer refuses those places at every lap. A supervisor that knows which
+ * AttachID the dead process used calls this before anybody reuses it: it
+ * takes that AttachID's counter off every entry of every ring and every
+ * slot of every cache sector, each sector under its own lock. Returns the
+ * number of pins taken off, or -1 for a null info or an AttachID outside
+ * 0..15. Only an AttachID that no living process uses may be cleared:
+ * the pins of a living reader would be lost under it. */
+MOLK_API int SharedMemBlock_ClearAttachId(SharedMemBlockInfo *ptInfo, int attachId);
+
 /* ---- Cache writer ------------------------------------------------------ */
 
 /* A cache sector is a table of at most 36 equal slots. A direct writer

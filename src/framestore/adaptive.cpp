@@ -8,11 +8,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 #include "framestore/paths.h"
 #include "framestore/reader.h"
+#include "framestore/stamp_path.h"
 
 namespace {
 
@@ -31,14 +33,37 @@ void StampPath(const SharedMemSectorHeader *ring, char (&path)[SHM_TAG_SIZE]) {
     }
 }
 
-int OpenOrCreate(const char *path) {
-    int fd = open(path, O_RDWR, 0600);
-    if (fd >= 0) return fd;
-    perror("open");
-    fd = open(path, O_RDWR | O_CREAT, 0600);
-    if (fd < 0) {
-        perror("create");
-        return -1;
+constexpr int kRefused = -2;  // OpenStamp: never to be tried again
+
+// Refuses a stamp path once for the handle: logged, and the handle gets a
+// private word of zeros in place of the file, so that it reads as if no
+// tick were published and never comes back here.
+int Refuse(const char *path, const char *why) {
+    shm::LogError("Adaptive stamp file %s refused: %s\n", path, why);
+    return kRefused;
+}
+
+// Opens the stamp file without following a symbolic link in its last
+// component, creating it when missing. A descriptor, -1 for a failure the
+// next query retries, or kRefused.
+int OpenStamp(const char *path) {
+    const char *why = shm::StampPathRefusal(path);
+    if (why != nullptr) return Refuse(path, why);
+    constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    int fd = open(path, kFlags, 0600);
+    if (fd < 0 && errno != ELOOP && errno != EISDIR) {
+        perror("open");
+        fd = open(path, kFlags | O_CREAT, 0600);
+        if (fd < 0 && errno != ELOOP && errno != EISDIR) {
+            perror("create");
+            return -1;
+        }
+    }
+    if (fd < 0) return Refuse(path, errno == ELOOP ? "a symbolic link" : "a directory");
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        return Refuse(path, "not a regular file");
     }
     return fd;
 }
@@ -52,12 +77,20 @@ bool HoldsAWord(int fd) {
     return ftruncate(fd, sizeof(uint32_t)) == 0;
 }
 
+uint32_t *ZeroWord() {
+    void *word = mmap(nullptr, sizeof(uint32_t), PROT_READ | PROT_WRITE,
+                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return word == MAP_FAILED ? nullptr : static_cast<uint32_t *>(word);
+}
+
 // Maps the stamp word into the handle, once; a failure is retried by the
-// next query and reads as 0 meanwhile.
+// next query and reads as 0 meanwhile. SharedMem_Release unmaps the word,
+// the file's or the private one of a refused path alike.
 void MapStamp(SharedMemHandle *handle) {
     char path[SHM_TAG_SIZE];
     StampPath(handle->ptHeader, path);
-    int fd = OpenOrCreate(path);
+    int fd = OpenStamp(path);
+    if (fd == kRefused) handle->pdwAdaptiveStamp = ZeroWord();
     if (fd < 0) return;
     void *word = MAP_FAILED;
     if (HoldsAWord(fd)) {

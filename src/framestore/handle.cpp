@@ -6,6 +6,7 @@
 
 #include "framestore/log.h"
 #include "framestore/paths.h"
+#include "framestore/pin_column.h"
 #include "framestore/segment.h"
 
 namespace {
@@ -13,8 +14,8 @@ namespace {
 // A starting reader drops what a former holder of its AttachID left in the
 // cache. No lock: the counters are this AttachID's alone.
 void DropCachePins(SharedMemCacheHeader *cache, int attachId) {
-    if (attachId < 0 || attachId >= shm::kAttachIds) return;
-    for (SharedMemCacheEntry &entry : cache->atCache) entry.abyAccessCount[attachId] = 0;
+    if (!shm::PinsSomething(attachId)) return;
+    shm::ClearPinColumn(cache->atCache, shm::kCacheEntries, attachId);
 }
 
 void AttachCompanionCache(SharedMemBlockInfo *info, SharedMemHandle *handle) {

@@ -12,11 +12,12 @@
 #include <cstring>
 
 #include "fake_ring.h"
+#include "frame_procs.h"
 #include "ipc_fixture.h"
 
 namespace {
 
-constexpr uint32_t kFrames = 100000, kKeyEvery = 30;
+constexpr uint32_t kFrames = 100000, kKeyEvery = procs::kKeyEvery;
 // Fruitless tries before a process gives up: only reached when a pin is
 // held for good or the ring stalls.
 constexpr uint32_t kStallLimit = 20u * 1000 * 1000;
@@ -40,29 +41,10 @@ struct Shared {
     uint32_t delivered[kReaders], bad[kReaders];
 };
 
-// 16 bytes to a little over 4 KiB: laps end on bytes and now and then on
-// the entry table.
-uint32_t SizeOf(uint32_t seq) { return 16 + 4 * (((seq * 0x9E3779B1u) >> 8) % 1025); }
-uint32_t TickOf(uint32_t seq) { return 1 + 33 * seq; }  // 30 frames a second
-
-// FNV-1a over the words behind the header (seq, checksum).
-uint32_t Checksum(const uint8_t *bytes, uint32_t size) {
-    uint32_t h = 0x811C9DC5u;
-    for (uint32_t i = 8, word; i < size; i += 4) {
-        memcpy(&word, bytes + i, 4);
-        h = (h ^ word) * 0x01000193u;
-    }
-    return h;
-}
-
-void Fill(uint8_t *bytes, uint32_t seq, uint32_t size) {
-    for (uint32_t i = 8, x = seq; i < size; i += 4) {
-        x = x * 1664525u + 1013904223u;
-        memcpy(bytes + i, &x, 4);
-    }
-    const uint32_t header[2] = {seq, Checksum(bytes, size)};
-    memcpy(bytes, header, sizeof header);
-}
+using procs::Checksum;
+using procs::Fill;
+using procs::SizeOf;
+using procs::TickOf;
 
 int RunWriter(SharedMemHandle *handle, Shared *s) {
     for (uint32_t seq = 0; seq < kFrames; ++seq) {

@@ -93,11 +93,18 @@ i=0; while ! grep -q "^frame" /tmp/holder.out && [ $i -lt 600 ]; do sleep 0.1; i
 check "top sees a stuck pin" 0 $tool top $k --count 3 --stuck-after 1
 expect_in "stuck pin" "stuck: AttachID 5 on sector 0 entry"
 expect_lines "a block per refresh" "SECTOR  TAG" 3
-kill $holder; wait $holder 2>/dev/null
+# The holder dies with its pin: unpin takes it off and says where it was.
+kill -9 $holder; wait $holder 2>/dev/null
+check "unpin a dead reader" 0 $tool unpin $k 5
+expect_in "pin per sector" "sector 0 'video': 1 pins of AttachID 5"
+expect_in "pins cleared" "AttachID 5: 1 pins cleared"
+check "unpin again" 0 $tool unpin $k 5
+expect_in "nothing left" "AttachID 5: 0 pins cleared"
+check "unpin bad AttachID" 1 $tool unpin $k 16
 check "delete with caches" 0 $tool delete $k
 
 check "help" 0 $tool --help
-expect_lines "an example per command" "  molkshm " 18
+expect_lines "an example per command" "  molkshm " 20
 check "info after delete" 1 $tool info 0x5a5a
 check "delete missing" 1 $tool delete 0x5a5a
 check "bad key" 1 $tool info 12z

@@ -22,6 +22,7 @@ const MolkshmCommand kCommands[] = {
     {"cache-write", "KEY TAG [--size B] [--rate N] [--class N] [--count N] [--unread-every N]",
      CmdCacheWrite},
     {"top", "KEY [--count N] [--stuck-after S]", CmdTop},
+    {"unpin", "KEY ATTACHID", CmdUnpin},
 };
 
 // One example per command, in the order of the table.
@@ -35,6 +36,7 @@ const char *const kExamples[] = {
     "molkshm write 0x1000 video --size 20000 --key-size 60000 --rate 30 --key-every 30",
     "molkshm cache-write 0x1000 snapshots --size 8192 --rate 2 --class 3 --count 10",
     "molkshm top 0x1000 --count 1",
+    "molkshm unpin 0x1000 3",
 };
 static_assert(sizeof kExamples / sizeof kExamples[0] == sizeof kCommands / sizeof kCommands[0],
               "every command has one example");

@@ -37,6 +37,7 @@ int CmdStamp(int argc, char **argv);
 int CmdWrite(int argc, char **argv);
 int CmdCacheWrite(int argc, char **argv);
 int CmdTop(int argc, char **argv);
+int CmdUnpin(int argc, char **argv);
 
 // Per-ring detail below a ring's summary line in `info`.
 void PrintRingDetail(const SharedMemSectorHeader *ring);
