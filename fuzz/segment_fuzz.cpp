@@ -132,14 +132,6 @@ struct Bytes {
     uint32_t u32() { return u16() | (static_cast<uint32_t>(u16()) << 16); }
 };
 
-// Which word of the ring header. PENDING-STAMP: the second tag (words 22
-// to 30) names a file that adaptive readers open; it joins once the path
-// rule is in.
-uint32_t RingWord(uint16_t at) {
-    uint32_t word = at % 32u;
-    return word >= 22 && word <= 30 ? word - 9 : word;
-}
-
 // Overwrites one header word or entry word of either sector.
 void Corrupt(Bytes &in) {
     uint8_t kind = in.u8();
@@ -147,7 +139,7 @@ void Corrupt(Bytes &in) {
     uint32_t value = in.u32();
     uint32_t offset = 0;
     switch (kind & 3) {
-    case 0: offset = kRing * kSlot + RingWord(at) * 4; break;                          // ring header
+    case 0: offset = kRing * kSlot + (at % 32u) * 4; break;                            // ring header
     case 1: offset = kRing * kSlot + 128 + (at % 1280u) * 32 + ((kind >> 2) % 8u) * 4; break;
     case 2: offset = kCache * kSlot + (at % 26u) * 4; break;                           // cache header
     default: offset = kCache * kSlot + 104 + (at % 36u) * 32 + ((kind >> 2) % 8u) * 4; break;

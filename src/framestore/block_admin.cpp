@@ -6,6 +6,7 @@
 #include "framestore/attachments.h"
 #include "framestore/log.h"
 #include "framestore/paths.h"
+#include "framestore/pin_column.h"
 #include "framestore/sector_desc.h"
 #include "framestore/segment.h"
 
@@ -74,8 +75,8 @@ MOLK_API int SharedMemBlock_FlushAccessCountWithAttachId(SharedMemBlockInfo *ptI
     void *slot = SharedMem_FindTag(ptInfo->pvHeaderBase, shm::kStreamingTag, ptInfo->iSectorNum,
                                    nullptr);
     if (slot == nullptr || !shm::IsCacheSlot(slot)) return 0;
-    SharedMemCacheHeader *cache = static_cast<SharedMemCacheHeader *>(slot);
-    for (SharedMemCacheEntry &entry : cache->atCache) entry.abyAccessCount[iAttachId] = 0;
+    shm::ClearPinColumn(static_cast<SharedMemCacheHeader *>(slot)->atCache, shm::kCacheEntries,
+                        iAttachId);
     return 0;
 }
 
