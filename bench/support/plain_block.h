@@ -27,11 +27,28 @@
 
 namespace plainbench {
 
-// The key of the one block a program holds at a time; 0 when none. The
-// name of its companion object (see SharedMem_WaitReadBuffer) is made
+// The keys of the blocks a program holds (0: a free slot), and the names
+// of their companion objects (see SharedMem_WaitReadBuffer), made
 // beforehand, so that the signal handler only makes system calls.
-inline volatile sig_atomic_t g_key = 0;
-inline char g_companion[48];
+inline constexpr int kMaxBlocks = 4;
+inline volatile sig_atomic_t g_keys[kMaxBlocks];
+inline char g_companions[kMaxBlocks][48];
+
+inline void RememberKey(key_t key) {
+    for (int i = 0; i < kMaxBlocks; ++i) {
+        if (g_keys[i] != 0) continue;
+        snprintf(g_companions[i], sizeof g_companions[i], "/dev/shm/molkutil.wait.%08x",
+                 static_cast<unsigned>(key));
+        g_keys[i] = key;
+        return;
+    }
+}
+
+inline void ForgetKey(key_t key) {
+    for (int i = 0; i < kMaxBlocks; ++i) {
+        if (g_keys[i] == key) g_keys[i] = 0;
+    }
+}
 
 inline key_t NewKey() {
     static unsigned serial = 0;
@@ -45,13 +62,14 @@ inline key_t NewKey() {
 // Only system calls here: the handler may run in the middle of stdio.
 // Children that get the same signal remove the same objects: harmless.
 inline void RemoveBlock(int sig) {
-    key_t key = static_cast<key_t>(g_key);
-    if (key != 0) {
+    for (int i = 0; i < kMaxBlocks; ++i) {
+        key_t key = static_cast<key_t>(g_keys[i]);
+        if (key == 0) continue;
         int shmId = shmget(key, 0, 0);
         if (shmId != -1) shmctl(shmId, IPC_RMID, nullptr);
         int semId = semget(key, 0, 0);
         if (semId != -1) semctl(semId, 0, IPC_RMID);
-        unlink(g_companion);
+        unlink(g_companions[i]);
     }
     signal(sig, SIG_DFL);
     raise(sig);
@@ -110,9 +128,7 @@ public:
     // Sectors in the allocator's description syntax, e.g. "8M-video".
     bool Create(const char *total, const char *const *descs, int count) {
         key_ = NewKey();
-        snprintf(g_companion, sizeof g_companion, "/dev/shm/molkutil.wait.%08x",
-                 static_cast<unsigned>(key_));
-        g_key = key_;
+        RememberKey(key_);
         std::string totalText = total;
         std::vector<std::string> texts(descs, descs + count);  // the allocator may write in them
         std::vector<char *> pointers;
@@ -121,8 +137,8 @@ public:
         Quiet quiet;
         if (SharedMemBlock_Allocate(key_, &totalText[0], count, &config, pointers.data()) != 0) {
             SharedMemBlock_Delete(key_);  // it may be half made
+            ForgetKey(key_);
             key_ = 0;
-            g_key = 0;
             return false;
         }
         owner_ = getpid();
@@ -136,8 +152,8 @@ public:
         Quiet quiet;
         if (info_ != nullptr) SharedMemBlock_Detach(&info_);
         SharedMemBlock_Delete(key_);
+        ForgetKey(key_);
         key_ = 0;
-        g_key = 0;
     }
 
     SharedMemBlockInfo *info() const { return info_; }
