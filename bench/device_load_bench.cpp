@@ -51,7 +51,7 @@ constexpr int kStreams = 4;
 constexpr int kReaders = 6;
 constexpr int kProcesses = kStreams + kReaders;
 
-struct StreamSpec {
+struct StreamPlan {
     const char *name;
     const char *desc;   // the ring sector, in the allocator's syntax
     uint32_t fps;
@@ -60,7 +60,7 @@ struct StreamSpec {
 
 // The encoders of a device run on clocks of their own: their frames do
 // not all fall on the same instant, every 100 ms, as they would in phase.
-const StreamSpec kStreamSpecs[kStreams] = {
+const StreamPlan kStreamPlans[kStreams] = {
     {"main", "10M-main", 30, 0},
     {"sub", "2M-sub", 30, 11000},
     {"audio", "1M-audio", 50, 4000},
@@ -167,8 +167,8 @@ void Fail() { __atomic_fetch_add(&g_board->failed, 1u, __ATOMIC_SEQ_CST); }
 // the frame was dropped.
 template <typename Emit>
 void Pace(int stream, Emit emit) {
-    const uint64_t period = 1000000000ull / kStreamSpecs[stream].fps;
-    const uint64_t t0 = g_board->t0 + kStreamSpecs[stream].phaseUs * 1000ull;
+    const uint64_t period = 1000000000ull / kStreamPlans[stream].fps;
+    const uint64_t t0 = g_board->t0 + kStreamPlans[stream].phaseUs * 1000ull;
     const uint64_t t1 = g_board->t1;
     for (uint32_t seq = 0;; ++seq) {
         uint64_t when = t0 + seq * period;
@@ -455,7 +455,7 @@ const char *RunVariant(Variant variant, const Options &o, Figures *out) {
         }
     } else {
         const char *descs[kStreams];
-        for (int s = 0; s < kStreams; ++s) descs[s] = kStreamSpecs[s].desc;
+        for (int s = 0; s < kStreams; ++s) descs[s] = kStreamPlans[s].desc;
         if (!block.Create(kBlockTotal, descs, kStreams)) return "the block could not be made";
     }
     auto closeAllBut = [&fds](int stream, int reader) {
