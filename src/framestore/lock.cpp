@@ -1,5 +1,6 @@
 #include "framestore/lock.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <sys/sem.h>
 
@@ -20,6 +21,32 @@ int SemOp(int semId, int index, short delta) {
     op.sem_op = delta;
     op.sem_flg = SEM_UNDO;
     return semop(semId, &op, 1);
+}
+
+// A P that finds the lock taken asks again this many times with IPC_NOWAIT
+// before it queues in the kernel. A sector lock guards a few words (pin
+// counters, writer marks) and is held for about a microsecond, mostly by
+// another process on another core, so one of the tries usually finds it
+// free. A P that sleeps instead costs a context switch, on a loaded core
+// the rest of a time slice, and the holder's V then hands the semaphore to
+// the sleeper, so that the next P of anyone waits until the sleeper has
+// been scheduled: with a writer and a reader at full speed that convoy
+// was most of a frame's time. Bounded, so that a holder that was
+// preempted costs a P at most this many system calls before it sleeps.
+constexpr int kNoWaitTries = 16;
+
+// The same P as SemOp(-1): one unit of the same semaphore, with SEM_UNDO;
+// it only sleeps later.
+int SemP(int semId, int index) {
+    struct sembuf op;
+    op.sem_num = static_cast<unsigned short>(index);
+    op.sem_op = -1;
+    op.sem_flg = SEM_UNDO | IPC_NOWAIT;
+    for (int i = 0; i < kNoWaitTries; ++i) {
+        if (semop(semId, &op, 1) == 0) return 0;
+        if (errno != EAGAIN) break;  // a removed set or a bad index: the blocking P fails too
+    }
+    return SemOp(semId, index, -1);
 }
 
 }  // namespace
@@ -55,7 +82,7 @@ MOLK_API int SharedMem_SemaphoreInit(key_t key, int iSemNum) {
 }
 
 MOLK_API int SharedMem_SemaphoreP(int iSemId, int iSemIndex) {
-    if (SemOp(iSemId, iSemIndex, -1) == 0) return 0;
+    if (SemP(iSemId, iSemIndex) == 0) return 0;
     shm::LogError("SemaphoreP failed");
     return -1;
 }

@@ -3,6 +3,7 @@
 // kernel's size limit, hostile descriptions; sector handles, the companion
 // cache a ring finds by AttachID, and reset through a handle.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -140,6 +141,38 @@ TEST_F(BlockTest, AKilledHolderLeavesNoLockBehind) {
     ASSERT_EQ(0, SharedMem_SemaphoreP(info->iSemId, 0));
     EXPECT_EQ(info->iSemId, SharedMem_SemaphoreInit(key, 2));
     EXPECT_EQ(0, semctl(info->iSemId, 0, GETVAL));
+}
+
+// A P that finds a sector lock taken may ask again without sleeping, but it
+// never gets past the holder: another process passes only after the V, and
+// the lock ends free.
+TEST_F(BlockTest, AContendedPPassesOnlyAfterTheHoldersV) {
+    SharedMemBlockInfo *info = MakeBlock("2M", {"1M-video"});
+    ASSERT_NE(nullptr, info);
+    int passed[2];
+    ASSERT_EQ(0, pipe(passed));
+    ASSERT_EQ(0, SharedMem_SemaphoreP(info->iSemId, 0));
+    fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0) {
+        close(passed[0]);
+        char c = SharedMem_SemaphoreP(info->iSemId, 0) == 0 ? 'p' : 'f';
+        if (write(passed[1], &c, 1) != 1) _exit(1);
+        _exit(c == 'p' && SharedMem_SemaphoreV(info->iSemId, 0) == 0 ? 0 : 2);
+    }
+    close(passed[1]);
+    struct pollfd pfd = {passed[0], POLLIN, 0};
+    EXPECT_EQ(0, poll(&pfd, 1, 300)) << "the second P got past the holder";
+    ASSERT_EQ(0, SharedMem_SemaphoreV(info->iSemId, 0));
+    char c = 0;
+    EXPECT_EQ(1, poll(&pfd, 1, 20000));
+    EXPECT_EQ(1, read(passed[0], &c, 1));
+    EXPECT_EQ('p', c);
+    close(passed[0]);
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+    EXPECT_EQ(1, semctl(info->iSemId, 0, GETVAL));
 }
 
 // The namespace's own limit is changed: never run this outside one.
