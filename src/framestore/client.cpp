@@ -122,6 +122,17 @@ void DropHold(SharedMemBufClient *client) {
 
 }  // namespace
 
+namespace shm {
+
+int ClientValid(const SharedMemSectorHeader *ring, const SharedMemBufClient *client,
+                const char *purpose) {
+    Validity v = Judge(ring, client, purpose[0] == 'r');
+    TellInvalid(ring, client, purpose, v);
+    return v.result;
+}
+
+}  // namespace shm
+
 extern "C" {
 
 MOLK_API int SharedMem_CheckIndexValid(SharedMemSectorHeader *ptHeader, int iIndex,
@@ -140,10 +151,7 @@ MOLK_API int SharedMem_CheckIndexValid(SharedMemSectorHeader *ptHeader, int iInd
 MOLK_API int SharedMem_CheckClientValid(SharedMemSectorHeader *ptHeader,
                                         SharedMemBufClient *ptClient, const char *szPurpose) {
     if (ptClient == nullptr || !shm::RingIntact(ptHeader)) return -1;
-    const char *purpose = szPurpose != nullptr ? szPurpose : "query";
-    Validity v = Judge(ptHeader, ptClient, purpose[0] == 'r');
-    TellInvalid(ptHeader, ptClient, purpose, v);
-    return v.result;
+    return shm::ClientValid(ptHeader, ptClient, szPurpose != nullptr ? szPurpose : "query");
 }
 
 MOLK_API int SharedMem_ReleaseReadBuffer(SharedMemBufClient *ptClient) {

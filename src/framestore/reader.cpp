@@ -126,7 +126,7 @@ MOLK_API int SharedMem_QueryReadBuffer(SharedMemHandle *ptHandle, SharedMemBufCl
     if (!ring->byTimeshift && !(request->dwReadFlags & SHM_READ_CROSSOVER)) request->dwDelay = 0;
 
     uint32_t distance = 0;
-    if (SharedMem_QueryReadBuffer_Internal(ptHandle, client, request, &distance) != 0) {
+    if (shm::QueryJudgedRing(ptHandle, client, request, &distance) != 0) {
         client->dwHeld = 0;
         return -1;
     }

@@ -46,6 +46,12 @@ inline void MoveCandidate(ReadStep *q, int index) {
     q->tick = LoadWord(q->ring->atFrame[index].dwTimeTick);
 }
 
+// The read query on a ring whose header has been judged: choose, decide,
+// pin and deliver. The exported SharedMem_QueryReadBuffer_Internal judges
+// the header first; SharedMem_QueryReadBuffer has, once, already.
+int QueryJudgedRing(SharedMemHandle *handle, SharedMemBufClient *client,
+                    SharedMemReadRequest *request, uint32_t *distance);
+
 // Catching up: calibration and jump of a reader that lags more than the band.
 void CatchUp(ReadStep *q);
 // Keeping the distance: crossover and no-overtake. True when the query must wait

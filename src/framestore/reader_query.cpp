@@ -17,7 +17,7 @@ int ChooseCandidate(ReadStep *q) {
     SharedMemSectorHeader *ring = q->ring;
     SharedMemBufClient *client = q->client;
     uint32_t flags = q->request->dwReadFlags;
-    if (!(flags & SHM_READ_RESTART) && SharedMem_CheckClientValid(ring, client, "query") == 0) {
+    if (!(flags & SHM_READ_RESTART) && shm::ClientValid(ring, client, "query") == 0) {
         int last = client->iLastIndex;
         int latest = shm::LoadIndex(ring->iLatestIndex);
         if (last == latest) {
@@ -152,21 +152,27 @@ int Decide(ReadStep *q) {
 
 }  // namespace
 
+namespace shm {
+
+int QueryJudgedRing(SharedMemHandle *handle, SharedMemBufClient *client,
+                    SharedMemReadRequest *request, uint32_t *distance) {
+    ReadStep q = {handle, handle->ptHeader, client, request, 0, 0, 0, 0, false};
+    if (ChooseCandidate(&q) != 0 || Decide(&q) != 0 || !Pin(&q)) return -1;
+    Deliver(&q);
+    if (distance != nullptr) *distance = q.distance;
+    return 0;
+}
+
+}  // namespace shm
+
 extern "C" {
 
 MOLK_API int SharedMem_QueryReadBuffer_Internal(SharedMemHandle *ptHandle,
                                                 SharedMemBufClient *ptClient,
                                                 SharedMemReadRequest *ptRequest,
                                                 uint32_t *pdwDistance) {
-    if (!shm::RingIntact(ptHandle) || ptClient == nullptr ||
-        ptRequest == nullptr) {
-        return -1;
-    }
-    ReadStep q = {ptHandle, ptHandle->ptHeader, ptClient, ptRequest, 0, 0, 0, 0, false};
-    if (ChooseCandidate(&q) != 0 || Decide(&q) != 0 || !Pin(&q)) return -1;
-    Deliver(&q);
-    if (pdwDistance != nullptr) *pdwDistance = q.distance;
-    return 0;
+    if (!shm::RingIntact(ptHandle) || ptClient == nullptr || ptRequest == nullptr) return -1;
+    return shm::QueryJudgedRing(ptHandle, ptClient, ptRequest, pdwDistance);
 }
 
 }  // extern "C"

@@ -96,6 +96,11 @@ inline bool IsLive(const SharedMemSectorHeader *ring, int index) {
                   LoadIndex(ring->iBoundaryIndex));
 }
 
+// The validity test of a client on a ring whose header has been judged
+// (SharedMem_CheckClientValid judges it first).
+int ClientValid(const SharedMemSectorHeader *ring, const SharedMemBufClient *client,
+                const char *purpose);
+
 // True when any of the entry's 16 pin counters is not zero.
 inline bool HasPins(const uint8_t (&counts)[16]) {
     return memcmp(counts, g_abyNULLArray, sizeof counts) != 0;

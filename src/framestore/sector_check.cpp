@@ -21,7 +21,7 @@ bool AreaOfLayout(const void *slot, uint32_t start, uint32_t end, SegmentBounds 
     int k = bounds.sector;
     if (start == a->layout.start[k] && end == a->layout.end[k]) return true;
     Layout now;
-    if (ReadLayout(bounds.base, a->size, a->layout.sectors, &now) && now.start[k] == start &&
+    if (ReadLayout(a->base, a->size, a->layout.sectors, &now) && now.start[k] == start &&
         now.end[k] == end) {
         a->layout = now;
         return true;
@@ -36,7 +36,7 @@ bool DataAreaIntact(const void *slot, SegmentBounds bounds) {
     const SharedMemSectorHeader *h = static_cast<const SharedMemSectorHeader *>(slot);
     uint32_t start = h->dwStartOffset;
     uint32_t end = h->dwEndOffset;
-    Attachment *a = bounds.base != nullptr ? AttachmentAt(bounds.base) : nullptr;
+    Attachment *a = bounds.attachment;
     if (a != nullptr && bounds.sector >= 0 && bounds.sector < a->layout.sectors) {
         return AreaOfLayout(slot, start, end, bounds, a);
     }
@@ -49,10 +49,11 @@ bool DataAreaIntact(const void *slot, SegmentBounds bounds) {
 
 SegmentBounds BoundsOf(const SharedMemHandle *handle) {
     const SharedMemSectorHeader *first = static_cast<const SharedMemSectorHeader *>(handle->pvBase);
-    uint32_t size = SegmentSize(handle->pvBase, first->dwTotalSize);
+    Attachment *a = AttachmentAt(handle->pvBase);
+    uint32_t size = a != nullptr ? a->size : first->dwTotalSize;
     uint32_t own = static_cast<uint32_t>(handle->iSectorIndex + 1) * kSlotSize;
     uint32_t slots = first->dwStartOffset <= size ? first->dwStartOffset : 0;
-    return {size, own > slots ? own : slots, handle->pvBase, handle->iSectorIndex};
+    return {size, own > slots ? own : slots, a, handle->iSectorIndex};
 }
 
 // A caller with only a header: its indices are judged, while its offsets

@@ -21,11 +21,12 @@ namespace shm {
 // the header slots end, and, for a sector of an attached block, the data
 // area of the layout its headers last described as a whole (a sector may
 // not move its area on its own).
+struct Attachment;
 struct SegmentBounds {
     uint32_t size;
     uint32_t headerEnd;
-    const void *base;  // the attached segment, or null
-    int sector;        // the sector's index in it
+    Attachment *attachment;  // the attached segment's record, or null
+    int sector;              // the sector's index in it
 };
 
 // For a handle: the segment's real size (taken at attach), and the header
