@@ -23,9 +23,15 @@
 #include <unistd.h>
 #include <vector>
 
+#include "plain_block.h"
 #include "sharedmem.h"
 
 namespace molkbench {
+
+// The plain programs' helpers that these benchmarks share.
+using plainbench::PinToCpu;
+using plainbench::Quiet;
+using plainbench::QuietFrameStoreLog;
 
 inline constexpr int kMaxLiveKeys = 4;
 inline volatile sig_atomic_t g_liveKeys[kMaxLiveKeys];  // 0: free
@@ -74,42 +80,6 @@ inline void InstallCleanupHandlers() {
     signal(SIGTERM, RemoveEverything);
     signal(SIGHUP, RemoveEverything);
 }
-
-// Sends stdout and stderr to /dev/null for its scope: allocation, handles,
-// clients and deletion all print a line or two each.
-class Quiet {
-public:
-    Quiet() {
-        fflush(stdout);
-        fflush(stderr);
-        int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        savedOut_ = dup(1);
-        savedErr_ = dup(2);
-        if (null >= 0) {
-            dup2(null, 1);
-            dup2(null, 2);
-            close(null);
-        }
-    }
-    ~Quiet() {
-        fflush(stdout);
-        fflush(stderr);
-        if (savedOut_ >= 0) {
-            dup2(savedOut_, 1);
-            close(savedOut_);
-        }
-        if (savedErr_ >= 0) {
-            dup2(savedErr_, 2);
-            close(savedErr_);
-        }
-    }
-    Quiet(const Quiet &) = delete;
-    Quiet &operator=(const Quiet &) = delete;
-
-private:
-    int savedOut_;
-    int savedErr_;
-};
 
 // One block, attached, deleted with the object: a single ring sector, or
 // the sectors the caller describes.
@@ -235,13 +205,6 @@ inline void Backoff(unsigned *round) {
     ++*round;
 }
 
-inline bool PinToCpu(int cpu) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(cpu, &set);
-    return sched_setaffinity(0, sizeof set, &set) == 0;
-}
-
 // Pins the calling process to one core for its scope and restores the
 // affinity it had.
 class CpuPin {
@@ -270,14 +233,6 @@ inline bool PublishFrame(SharedMemHandle *writer, uint32_t size, uint32_t flags,
     if (SharedMem_QueryAutoRewindWriteBuffer(writer, &place, size) != 0) return false;
     SharedMemWriteInfo info = {place, flags, size, tick};
     return SharedMem_UpdateWritedBuffer(writer, &info) == 0;
-}
-
-// At its default level 6 the frame store prints every refused write and
-// every reader placed anew, which is ordinary flow in a benchmark: a printf
-// per frame, some of them under the sector lock. Measured at level 4
-// (warnings and errors) unless SHM_DEBUG asks for another.
-inline void QuietFrameStoreLog() {
-    if (getenv("SHM_DEBUG") == nullptr) gShm_DebugLevel = (gShm_DebugLevel & ~7u) | 4u;
 }
 
 }  // namespace molkbench
