@@ -27,6 +27,37 @@ uint32_t KeyOf(const SharedMemHandle *handle, const SharedMemBufClient *client) 
            (static_cast<uint32_t>(handle->iSectorIndex) << 8);
 }
 
+// Under the cache lock a copier pins every slot it takes before the lock
+// goes, and its key replaces SHM_FRAME_WRITING when the copy is published.
+// A slot still marked as being written with no pin on it was left by a
+// copier that died (its supervisor cleared its pins) or could not publish:
+// nobody will complete it, so it is given up and may be taken again.
+// Without this, every copier killed mid-copy would cost the sector a slot
+// for good. Returns how many slots were given up.
+int GiveUpAbandonedSlots(SharedMemCacheHeader *cache) {
+    int given = 0;
+    for (int i = 0; i <= shm::LastPrimarySlot(cache); ++i) {
+        SharedMemCacheEntry &entry = cache->atCache[i];
+        if (shm::SlotFlags(cache, i) == SHM_FRAME_WRITING && !shm::HasPins(entry.abyAccessCount)) {
+            shm::PublishSlotFlags(entry, SHM_FRAME_ERROR);
+            ++given;
+        }
+    }
+    if (given != 0) {
+        SHM_LOG(shm::kLevelConflict, "%.35s: %d cache slots left half-copied, given up\n",
+                cache->szTag, given);
+    }
+    return given;
+}
+
+// A slot for a new copy: the allocation of the cache writer, once more
+// after giving up abandoned slots when it finds none.
+int TakeSlotForCopy(SharedMemCacheHeader *cache, uint32_t size) {
+    if (SharedMem_QueryWriteCache_Internal(cache, size) == 0) return 0;
+    if (GiveUpAbandonedSlots(cache) == 0) return -1;
+    return SharedMem_QueryWriteCache_Internal(cache, size);
+}
+
 // Finds or makes the slot under the cache sector's lock. 0 with the slot
 // pinned and the data's offset set.
 int ClaimCopy(SharedMemHandle *handle, SharedMemBufClient *client, uint32_t key, uint32_t *found,
@@ -152,7 +183,7 @@ MOLK_API int SharedMem_QueryCacheforReadBuffer(SharedMemHandle *ptHandle,
                     static_cast<int>(stored), static_cast<int>(tick));
         }
     }
-    if (!*pdwFound && SharedMem_QueryWriteCache_Internal(cache, shm::LoadWord(frame.dwSize)) == 0) {
+    if (!*pdwFound && TakeSlotForCopy(cache, shm::LoadWord(frame.dwSize)) == 0) {
         ptClient->iCacheSlot = shm::LoadIndex(cache->iWriteIndex);
     }
     slot = ptClient->iCacheSlot;

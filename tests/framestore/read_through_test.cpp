@@ -176,6 +176,18 @@ TEST_F(ReadThrough, StaleLargeAndUncacheableFrames) {
     ASSERT_EQ(0, b.Query(SHM_READ_VIA_CACHE));
     EXPECT_EQ(5u, b.seq());
     EXPECT_TRUE(BytesOf(5, b.data, b.size));
+
+    // Copiers that died mid-copy left every slot marked as being written;
+    // with their pins cleared the slots serve again, all but the one whose
+    // copier still holds it.
+    SharedMem_ReleaseReadBuffer(b.client);
+    for (int slot = 0; slot < slots; ++slot) cache()->atCache[slot].dwFlags = SHM_FRAME_WRITING;
+    cache()->atCache[0].abyAccessCount[9] = 1;
+    ASSERT_EQ(0, b.Query(SHM_READ_VIA_CACHE));
+    EXPECT_NE(0, b.client->iCacheSlot);
+    EXPECT_TRUE(BytesOf(6, b.data, b.size));
+    EXPECT_EQ(SHM_FRAME_WRITING, cache()->atCache[0].dwFlags);
+    cache()->atCache[0].abyAccessCount[9] = 0;
 }
 
 // A reader that sits on a frame stops the writer when it holds the frame in
