@@ -335,6 +335,9 @@ void RingReaderThread(SharedMemHandle *handle, int reader, int stream, Variant v
             tally.Got(data, NowNs());
             SharedMem_ReleaseReadBuffer(client);
             retries = 0;
+            // The next query would most often find nothing new; the wait
+            // returns at once when there is something.
+            if (variant == kWait) SharedMem_WaitReadBuffer(handle, client, kWaitSliceMs);
             continue;
         }
         // Dropped frames move the cursor on: the next one at once, a few

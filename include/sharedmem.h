@@ -347,7 +347,10 @@ MOLK_API int SharedMem_IsInsideMargin(SharedMemSectorHeader *ptHeader, uint32_t 
  * process that writes without this library) costs a waiter no more than
  * its timeout: the frame is seen when the timeout ends. A waiter killed in
  * its sleep is dropped from the count by the next writer or waiter that
- * finds it dead. A reader that keeps its distance behind the writer
+ * finds it dead. A reader that has just released a frame may wait at
+ * once instead of querying again: the wait returns at once when another
+ * frame is there, and a query that finds nothing new is saved. A reader
+ * that keeps its distance behind the writer
  * (SHM_REASON_WAIT) is woken by every frame and should sleep by time. */
 MOLK_API int SharedMem_WaitReadBuffer(SharedMemHandle *ptHandle, SharedMemBufClient *ptClient,
                                       uint32_t timeoutMs);

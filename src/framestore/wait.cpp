@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -54,6 +55,25 @@ long Futex(uint32_t *word, int op, uint32_t value, const struct timespec *timeou
     return syscall(SYS_futex, word, op, value, timeout, nullptr, 0);
 }
 
+// A sleeper registers by its pid, and getpid() is a system call: a whole
+// microsecond on some devices, twice per sleep. The pid is kept per
+// process and forgotten in a child made by fork(); a child cloned without
+// fork() would register under its parent's pid, which only delays the
+// freeing of its slot until the parent is gone too.
+int32_t g_pid = 0;
+
+void ForgetPid() { __atomic_store_n(&g_pid, 0, __ATOMIC_RELAXED); }
+
+int32_t MyPid() {
+    int32_t pid = __atomic_load_n(&g_pid, __ATOMIC_RELAXED);
+    if (pid != 0) return pid;
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, [] { pthread_atfork(nullptr, nullptr, ForgetPid); });
+    pid = static_cast<int32_t>(getpid());
+    __atomic_store_n(&g_pid, pid, __ATOMIC_RELAXED);
+    return pid;
+}
+
 // Frees the slots of waiters that died in their sleep.
 void DropDeadWaiters(WaitSector *s) {
     for (int32_t &slot : s->pids) {
@@ -69,7 +89,7 @@ void DropDeadWaiters(WaitSector *s) {
 // Registers this process as a sleeper of the sector; the slot, or -1 when
 // every slot is held by a live waiter.
 int Register(WaitSector *s) {
-    int32_t me = static_cast<int32_t>(getpid());
+    const int32_t me = MyPid();
     for (int pass = 0; pass < 2; ++pass) {
         for (int i = 0; i < shm::kWaiterSlots; ++i) {
             int32_t free = 0;
@@ -85,7 +105,7 @@ int Register(WaitSector *s) {
 }
 
 void Unregister(WaitSector *s, int slot) {
-    int32_t me = static_cast<int32_t>(getpid());
+    int32_t me = MyPid();
     if (__atomic_compare_exchange_n(&s->pids[slot], &me, 0, false, __ATOMIC_SEQ_CST,
                                     __ATOMIC_RELAXED)) {
         __atomic_fetch_sub(&s->waiters, 1, __ATOMIC_SEQ_CST);

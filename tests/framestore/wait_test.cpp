@@ -121,6 +121,9 @@ int SleepLong(key_t key) {
 }
 
 TEST_F(WaitTest, TimeoutsArgumentsAndAKilledSleeper) {
+    // An empty ring: nothing to wait for. This process has slept once
+    // before it forks, so its child must not register under its pid.
+    EXPECT_EQ(1, SharedMem_WaitReadBuffer(writer_, nullptr, 20));
     // A sleeper killed in its sleep on the empty ring is dropped at the
     // next publication.
     pid_t sleeper = Fork(SleepLong);
@@ -128,8 +131,7 @@ TEST_F(WaitTest, TimeoutsArgumentsAndAKilledSleeper) {
     kill(sleeper, SIGKILL);
     EXPECT_EQ(100 + SIGKILL, ExitStatus(sleeper));
     EXPECT_EQ(1u, Waiters());
-    // An empty ring, and a client on the latest frame: nothing to wait for.
-    EXPECT_EQ(1, SharedMem_WaitReadBuffer(writer_, nullptr, 20));
+    // A client on the latest frame has nothing to wait for either.
     Publish(writer_, 0);
     EXPECT_EQ(0u, Waiters());
     EXPECT_EQ(0, SharedMem_WaitReadBuffer(writer_, nullptr, 20));
