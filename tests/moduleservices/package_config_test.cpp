@@ -8,11 +8,11 @@
 
 #include "molkutil.h"
 #include "moduleservices/paths.h"
-#include "standin_support.h"
+#include "services_support.h"
 
 namespace {
 
-using svctest::Spill;
+using svc::WriteText;
 
 // The list as one line: "index:name|vendor|version|path;" per node.
 std::string Describe(const MolkPkgInfo *list) {
@@ -49,7 +49,7 @@ TEST_F(PackageFileTest, ReaderSizesItsBlockToTheFileWithNulsBehind) {
     for (const std::string &text : {std::string(), std::string("abcd"), std::string("abcde"),
                                     std::string("abc"), longLine}) {
         SCOPED_TRACE(text.size());
-        Spill("/tmp/readfile", text);
+        WriteText("/tmp/readfile", text);
         char *buffer = nullptr;
         int size = 0;
         ASSERT_EQ(0, MolkUtil_ReadFile("/tmp/readfile", &buffer, &size));
@@ -104,7 +104,7 @@ TEST_F(PackageFileTest, PackageListOrderAndIndexFollowTheFile) {
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.what);
-        Spill(molk::kPackagePath, row.file);
+        WriteText(molk::kPackagePath, row.file);
         MolkPkgInfo *list = nullptr;
         EXPECT_EQ(row.parse, MolkUtil_ParseMolkConf(&list));
         EXPECT_EQ(row.list, Describe(list));
@@ -162,7 +162,7 @@ TEST_F(PackageFileTest, ModelNameFromTheSystemFile) {
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.file);
-        Spill(molk::kSystemPath, row.file);
+        WriteText(molk::kSystemPath, row.file);
         char model[40] = "keep";
         EXPECT_EQ(row.result, MolkUtil_ParseSysConf(model));
         EXPECT_STREQ(row.model, model);

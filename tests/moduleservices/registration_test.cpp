@@ -11,8 +11,7 @@
 #include <vector>
 
 #include "molkutil.h"
-#include "registry_support.h"
-#include "standin_support.h"
+#include "services_support.h"
 
 // Every signal 31 the library sends, from this process or a forked one, is
 // logged here first: the order of the calls is what the daemons cannot see.
@@ -28,7 +27,7 @@ extern "C" int kill(pid_t pid, int sig) {
 
 namespace {
 
-using namespace regtest;
+using namespace svc;
 std::string Signals() { return ReadText("/tmp/molk-signals"); }
 
 TEST_F(RegistryTest, EveryFailingExitKeepsTheRegistry) {
@@ -222,12 +221,12 @@ struct ModuleProcess {
 pid_t StartDaemon(const char *name) {
     const std::string log = std::string("/tmp/") + name + ".log";
     unlink(log.c_str());
-    return svctest::StartTool(name, {}, log);
+    return StartTool(name, {}, log);
 }
 
 // The line a daemon logged for its n-th signal, "" until it has.
 std::string DaemonLine(const char *name, int n) {
-    const std::string log = ReadText((std::string("/tmp/") + name + ".log").c_str());
+    const std::string log = ReadText(std::string("/tmp/") + name + ".log");
     const size_t at = log.find(std::string(name) + ": signal " + std::to_string(n) + ": ");
     return at == std::string::npos ? "" : log.substr(at, log.find('\n', at) - at);
 }
@@ -241,7 +240,7 @@ TEST_F(RegistryTest, SequencesFromSeveralProcessesFollowTheModel) {
     model.entries.push_back({"Pre", "old", 7, {999999, 1, "/c", "/d"}, {}});
     WriteText(molk::kRegistryPath, model.Render(0));
     const pid_t asd = StartDaemon("onvifasd"), d = StartDaemon("onvifd");
-    ASSERT_TRUE(WaitFor([] { return !ReadText(molk::kOnvifAsdPidPath).empty() && !ReadText(molk::kOnvifdPidPath).empty(); }));
+    ASSERT_TRUE(Eventually([] { return !ReadText(molk::kOnvifAsdPidPath).empty() && !ReadText(molk::kOnvifdPidPath).empty(); }));
     unlink("/tmp/molk-signals");
     ModuleProcess p[6];
     // Process, token ("U": unregister), package, sides; process 5 registers
@@ -274,7 +273,7 @@ TEST_F(RegistryTest, SequencesFromSeveralProcessesFollowTheModel) {
         EXPECT_EQ(told, Signals());
         for (const char *daemon : {"onvifasd", "onvifd"}) {
             if (changes == 0) continue;
-            EXPECT_TRUE(WaitFor([&] { return !DaemonLine(daemon, changes).empty(); })) << daemon;
+            EXPECT_TRUE(Eventually([&] { return !DaemonLine(daemon, changes).empty(); })) << daemon;
             EXPECT_EQ(std::string(daemon) + ": signal " + std::to_string(changes) + ": parsed, " +
                           std::to_string(model.entries.size()) + " configurations" + model.Listing(),
                       DaemonLine(daemon, changes));

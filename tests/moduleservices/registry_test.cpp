@@ -6,14 +6,14 @@
 
 #include <memory>
 
-#include "registry_support.h"
+#include "services_support.h"
 // The file's operations are private to the library: compiled in here.
 #include "moduleservices/registry_file.cpp"
 
 namespace {
 
-using regtest::ReadText;
-using regtest::WriteText;
+using svc::ReadText;
+using svc::WriteText;
 
 struct Doc {
     std::unique_ptr<OnvifAnalyticsDocument> d{new OnvifAnalyticsDocument()};

@@ -14,7 +14,7 @@
 
 #include "molkutil.h"
 #include "moduleservices/paths.h"
-#include "standin_support.h"
+#include "services_support.h"
 
 // Counts the library's connects: this definition in the test program comes
 // before the C library's in the lookup of the library's calls.
@@ -26,10 +26,7 @@ extern "C" int connect(int fd, const struct sockaddr *address, socklen_t length)
 
 namespace {
 
-using svctest::Count;
-using svctest::Eventually;
-using svctest::Slurp;
-using svctest::Spill;
+using namespace svc;
 
 constexpr char kLog[] = "/tmp/configer-test.log";
 constexpr char kValues[] = "/tmp/configer-test.values";
@@ -65,23 +62,23 @@ protected:
     void SetUp() override {
         unlink(kLog);
         unlink(kValues);
-        Spill(molk::kPackagePath, PackageFile(""));
-        daemon_ = svctest::StartTool("configer", {"--store", kValues}, kLog);
-        ASSERT_TRUE(Eventually([] { return Slurp(kLog).find("listening") != std::string::npos; }))
-            << Slurp(kLog);
+        WriteText(molk::kPackagePath, PackageFile(""));
+        daemon_ = StartTool("configer", {"--store", kValues}, kLog);
+        ASSERT_TRUE(Eventually([] { return ReadText(kLog).find("listening") != std::string::npos; }))
+            << ReadText(kLog);
         gConnects = 0;
     }
     void TearDown() override {
-        svctest::StopTool(daemon_);
+        StopTool(daemon_);
         unlink(molk::kPackagePath);
     }
     // Waits until the daemon has finished `n` requests in all.
     void AwaitRequests(size_t n) {
-        ASSERT_TRUE(Eventually([n] { return Count(Slurp(kLog), " done\n") >= n; })) << Slurp(kLog);
-        EXPECT_EQ(n, Count(Slurp(kLog), " done\n"));
+        ASSERT_TRUE(Eventually([n] { return Count(ReadText(kLog), " done\n") >= n; })) << ReadText(kLog);
+        EXPECT_EQ(n, Count(ReadText(kLog), " done\n"));
     }
     std::string Value(const std::string &key) {
-        const std::string values = "\n" + Slurp(kValues);
+        const std::string values = "\n" + ReadText(kValues);
         size_t at = values.find("\n" + key + "=");
         if (at == std::string::npos) return "<none>";
         at += key.size() + 2;
@@ -106,7 +103,7 @@ TEST_F(RunStatusTest, OrderSentFollowsTheTable) {
     size_t requests = 0;
     for (const Row &row : rows) {
         SCOPED_TRACE(std::string(row.read) + " status " + std::to_string(row.status));
-        Spill(molk::kPackagePath, PackageFile(row.read));
+        WriteText(molk::kPackagePath, PackageFile(row.read));
         char message[] = "all well";
         ASSERT_EQ(0, MolkSet_RunStatus(Id(kMotion), row.status, message));
         AwaitRequests(++requests);
@@ -143,7 +140,7 @@ TEST_F(RunStatusTest, RandomReportsKeepTheOrderOfRunningPackages) {
 
 // Refusals send nothing: the next request the daemon sees is a probe.
 TEST_F(RunStatusTest, RefusalsSendNothing) {
-    Spill(molk::kPackagePath, PackageFile("1"));
+    WriteText(molk::kPackagePath, PackageFile("1"));
     struct Row {
         MolkPkgId id;
         uint32_t status;
@@ -162,7 +159,7 @@ TEST_F(RunStatusTest, RefusalsSendNothing) {
     EXPECT_EQ(0, gConnects);
     ASSERT_EQ(0, SetToConfiger("probe=1"));
     AwaitRequests(1);
-    EXPECT_NE(std::string::npos, Slurp(kLog).find("request 1: probe=1\n"));
+    EXPECT_NE(std::string::npos, ReadText(kLog).find("request 1: probe=1\n"));
     EXPECT_EQ("1", Order());
 }
 
@@ -174,7 +171,7 @@ TEST_F(RunStatusTest, CommandLengthLimit) {
     EXPECT_EQ(0, SetToConfiger(fits.c_str()));
     EXPECT_EQ(1, gConnects);
     AwaitRequests(1);
-    EXPECT_NE(std::string::npos, Slurp(kLog).find("request 1: " + fits + "\n"));
+    EXPECT_NE(std::string::npos, ReadText(kLog).find("request 1: " + fits + "\n"));
     EXPECT_EQ(std::string(488, 'v'), Value("k"));
 
     testing::internal::CaptureStdout();
@@ -186,7 +183,7 @@ TEST_F(RunStatusTest, CommandLengthLimit) {
 // With the daemon down a request tries five connects and gives up with a
 // message; a run status is still reported as attempted.
 TEST_F(RunStatusTest, DaemonDownGivesUpAfterFiveTries) {
-    svctest::StopTool(daemon_);
+    StopTool(daemon_);
     daemon_ = -1;
     testing::internal::CaptureStderr();
     EXPECT_EQ(-1, SetToConfiger("a=1"));

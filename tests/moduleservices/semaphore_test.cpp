@@ -9,18 +9,16 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "molkutil.h"
 #include "moduleservices/named_semaphore.h"
-#include "moduleservices/paths.h"
-#include "standin_support.h"
+#include "services_support.h"
 
 namespace {
 
-using svctest::Eventually;
+using namespace svc;
 
 constexpr char kPath[] = "/tmp/semaphore-test.lock";
 
@@ -42,28 +40,6 @@ int SetsInNamespace() {
 }
 
 int Value(const MolkSemaphoreHandle *handle) { return semctl(molk::SemaphoreId(handle), 0, GETVAL); }
-
-pid_t Spawn(const std::function<int()> &body) {
-    fflush(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        const int code = body();
-        fflush(nullptr);  // _exit does not
-        _exit(code);
-    }
-    return pid;
-}
-
-// The child's exit code; -2 if it did not end within a generous time.
-int Reap(pid_t pid) {
-    int status = 0;
-    if (!Eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 120)) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        return -2;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 // Enters the lock of kPath, counts itself in and out, gives it back.
 int CriticalSection(Shared *shared, int rounds) {
@@ -89,7 +65,7 @@ int CriticalSection(Shared *shared, int rounds) {
 class SemaphoreTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        svctest::Spill(kPath, "lock");
+        WriteText(kPath, "lock");
         setsBefore_ = SetsInNamespace();
         void *map = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         ASSERT_NE(MAP_FAILED, map);
@@ -221,13 +197,14 @@ TEST_F(SemaphoreTest, RemovedSetFailsItsUsers) {
         if (MolkSemaphore_Initial(&h, kPath) != 0) return 1;
         int result = MolkSemaphore_Lock(h);
         free(h);
+        fflush(stdout);
         return result == -1 ? 0 : 2;
     });
     const int id = molk::SemaphoreId(first);
     ASSERT_TRUE(Eventually([id] { return semctl(id, 0, GETNCNT) == 1; }));
     EXPECT_EQ(0, MolkSemaphore_Release(&first));
     EXPECT_EQ(0, Reap(waiter));
-    EXPECT_EQ("semaphore_p failed\nMolkSemaphore_Lock-190 failed!\n", svctest::Slurp(log));
+    EXPECT_EQ("semaphore_p failed\nMolkSemaphore_Lock-190 failed!\n", ReadText(log));
     unlink(log);
 
     testing::internal::CaptureStdout();
@@ -261,7 +238,7 @@ TEST_F(SemaphoreTest, LivenessFollowsTheSetAndThePath) {
     EXPECT_TRUE(molk::SemaphoreIsLive(current, kPath));
 
     const std::string replacement = std::string(kPath) + ".new";
-    svctest::Spill(replacement, "other file");
+    WriteText(replacement, "other file");
     ASSERT_EQ(0, rename(replacement.c_str(), kPath));
     EXPECT_NE(molk::SemaphoreKeyOf(current), molk::SemaphoreKey(kPath));
     EXPECT_FALSE(molk::SemaphoreIsLive(current, kPath));

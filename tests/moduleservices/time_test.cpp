@@ -8,11 +8,11 @@
 
 #include "molkutil.h"
 #include "moduleservices/paths.h"
-#include "standin_support.h"
+#include "services_support.h"
 
 namespace {
 
-using svctest::RunTool;
+using namespace svc;
 
 class TimeTest : public ::testing::Test {
 protected:
@@ -51,7 +51,7 @@ TEST_F(TimeTest, FollowsTheWriterWithTheByteOrderOfTheRecord) {
     for (const Row &row : rows) {
         SCOPED_TRACE(std::to_string(row.offset0) + "," + std::to_string(row.offset1));
         Write(row.offset0, row.offset1);
-        const std::string bytes = svctest::Slurp(molk::kTimezonePath);
+        const std::string bytes = ReadText(molk::kTimezonePath);
         ASSERT_GE(bytes.size(), 8u);
         int32_t stored[2];
         memcpy(stored, bytes.data(), sizeof stored);
@@ -72,7 +72,7 @@ TEST_F(TimeTest, FileWithoutRecordReadsAsZeroUntilWritten) {
     for (const char *start : {"missing", "short"}) {
         SCOPED_TRACE(start);
         unlink(molk::kTimezonePath);
-        if (strcmp(start, "short") == 0) svctest::Spill(molk::kTimezonePath, "\x10\x20\x30\x40");
+        if (strcmp(start, "short") == 0) WriteText(molk::kTimezonePath, "\x10\x20\x30\x40");
         ASSERT_EQ(0, MolkTime_Initial(&handle_));
         struct stat info;
         ASSERT_EQ(0, stat(molk::kTimezonePath, &info));
