@@ -224,11 +224,13 @@ pid_t StartDaemon(const char *name) {
     return StartTool(name, {}, log);
 }
 
-// The line a daemon logged for its n-th signal, "" until it has.
+// The line a daemon logged for its n-th signal, "" until it has written
+// all of it: a reader may meet a line of the log half written.
 std::string DaemonLine(const char *name, int n) {
     const std::string log = ReadText(std::string("/tmp/") + name + ".log");
     const size_t at = log.find(std::string(name) + ": signal " + std::to_string(n) + ": ");
-    return at == std::string::npos ? "" : log.substr(at, log.find('\n', at) - at);
+    const size_t end = at == std::string::npos ? at : log.find('\n', at);
+    return end == std::string::npos ? "" : log.substr(at, end - at);
 }
 
 // Merging by token, conflicts by side, a full list, the builder's filter
