@@ -490,17 +490,4 @@ TEST(Adaptive, LayerWaitAfterAWindowOpensOnAPredictedFrame) {
           {0, 12, 12, 0, 100, 100, 100});
 }
 
-// A stamp file that cannot be made reads as no tick, query after query:
-// one in a subdirectory is refused, and the handle keeps a word of zeros.
-TEST(Adaptive, StampFileThatCannotBeMadeLeavesTheThinning) {
-    FakeRing f(4000);
-    strcpy(f.ring()->szSecondTag, "/tmp/no-such-dir/stamp");
-    WriteRun(f, 3, 10000, 100, 5);
-    Reader r(f, 3);
-    DebugLevel quiet(2);
-    EXPECT_EQ((V{0, 11, 11}), AdaptiveWalk(r, {kInPlace | kMarkOutside, 10000}, 3));
-    ASSERT_NE(nullptr, r.handle()->pdwAdaptiveStamp);
-    EXPECT_EQ(0u, *r.handle()->pdwAdaptiveStamp);
-}
-
 }  // namespace
