@@ -138,46 +138,33 @@ TEST_F(RunStatusTest, RandomReportsKeepTheOrderOfRunningPackages) {
     }
 }
 
-// Refusals send nothing: the next request the daemon sees is a probe.
+// Refusals send nothing, not even a connect: a run status with a bad status
+// or of an unknown package (looked up first), and a command longer than the
+// 490 characters that fill the 512-byte request with the prefix and the
+// NUL. The first request the daemon sees is the longest command that fits.
 TEST_F(RunStatusTest, RefusalsSendNothing) {
     WriteText(molk::kPackagePath, PackageFile("1"));
-    struct Row {
-        MolkPkgId id;
-        uint32_t status;
-        const char *printed;
-    };
-    const Row rows[] = {{Id(kMotion), 3, "Invalid running status\n"},
-                        {Id(9), 1, "Package is inexistent\n"},
-                        {Id(9), 3, "Package is inexistent\n"}};  // the package is looked up first
-    for (const Row &row : rows) {
+    const struct { MolkPkgId id; uint32_t status; const char *printed; } rows[] = {
+        {Id(kMotion), 3, "Invalid running status\n"}, {Id(9), 1, "Package is inexistent\n"},
+        {Id(9), 3, "Package is inexistent\n"}};
+    for (const auto &row : rows) {
         char message[] = "first\nsecond";
         testing::internal::CaptureStdout();
         EXPECT_EQ(-1, MolkSet_RunStatus(row.id, row.status, message));
         EXPECT_EQ(row.printed, testing::internal::GetCapturedStdout());
         EXPECT_STREQ("first\nsecond", message);
     }
-    EXPECT_EQ(0, gConnects);
-    ASSERT_EQ(0, SetToConfiger("probe=1"));
-    AwaitRequests(1);
-    EXPECT_NE(std::string::npos, ReadText(kLog).find("request 1: probe=1\n"));
-    EXPECT_EQ("1", Order());
-}
-
-// A command of 490 characters fills the 512-byte request with the prefix
-// and the NUL; one more is refused before any socket is made.
-TEST_F(RunStatusTest, CommandLengthLimit) {
     const std::string fits = "k=" + std::string(488, 'v');
-    ASSERT_EQ(490u, fits.size());
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(-1, SetToConfiger((fits + "v").c_str()));
+    EXPECT_EQ("[MOLKUTIL] command too long!!\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(0, gConnects);
     EXPECT_EQ(0, SetToConfiger(fits.c_str()));
     EXPECT_EQ(1, gConnects);
     AwaitRequests(1);
     EXPECT_NE(std::string::npos, ReadText(kLog).find("request 1: " + fits + "\n"));
     EXPECT_EQ(std::string(488, 'v'), Value("k"));
-
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(-1, SetToConfiger((fits + "v").c_str()));
-    EXPECT_EQ("[MOLKUTIL] command too long!!\n", testing::internal::GetCapturedStdout());
-    EXPECT_EQ(1, gConnects);
+    EXPECT_EQ("1", Order());
 }
 
 // With the daemon down a request tries five connects and gives up with a
