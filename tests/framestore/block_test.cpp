@@ -215,10 +215,7 @@ TEST_F(BlockTest, HostileDescriptionsStayInsideTheHeaderSlots) {
 // others none. Opening drops the pins a former holder of the AttachID left
 // in the cache (2 keeps them); a ring that carries a cache's tag is no cache.
 TEST_F(BlockTest, RingsFindTheirCompanionCacheByAttachId) {
-    const struct {
-        std::vector<std::string> descs;
-        int attachId, cache, pinsLeft;
-    } cases[] = {
+    const struct { std::vector<std::string> descs; int attachId, cache, pinsLeft; } cases[] = {
         {{"2M-video", "1M~streaming", "1M~recorder"}, 0, 1, 0},
         {{"2M-video", "1M~streaming", "1M~recorder"}, 2, 2, 3},
         {{"2M-video", "1M~streaming"}, 2, 1, 3},

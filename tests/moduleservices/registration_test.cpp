@@ -238,7 +238,8 @@ TEST_F(RegistryTest, SequencesFromSeveralProcessesFollowTheModel) {
     model.entries.push_back({"Nil", "old", 3, {}, {}});
     WriteText(molk::kRegistryPath, model.Render(0));
     const pid_t asd = StartDaemon("onvifasd"), d = StartDaemon("onvifd");
-    ASSERT_TRUE(Eventually([] { return !ReadText(molk::kOnvifAsdPidPath).empty() && !ReadText(molk::kOnvifdPidPath).empty(); }));
+    ASSERT_TRUE(Eventually(
+        [] { return !ReadText(molk::kOnvifAsdPidPath).empty() && !ReadText(molk::kOnvifdPidPath).empty(); }));
     unlink("/tmp/molk-signals");
     ModuleProcess p[6];
     // Process, token ("U": unregister), package, sides; process 5 registers

@@ -91,17 +91,13 @@ protected:
 // unless listed, one that stops leaves, a piece that is no number ends the
 // walk. The daemon brings each sent order back into the package file.
 TEST_F(RunStatusTest, OrderSentFollowsTheTable) {
-    struct Row {
-        const char *read;
-        uint32_t status;
-        const char *sent;
-    };
-    const Row rows[] = {{"1,2", 1, "1,2,3"}, {"1,3,2", 1, "1,3,2"}, {"1,3,2", 2, "1,2"}, {"1,3,2", 0, "1,2"},
-                        {"3", 2, ""},        {"", 1, "3"},          {"", 2, ""},        {"1,x,3", 1, "1"},
-                        {"1,33", 2, "1,33"}, {"1,,2", 2, "1,2"},    {",3,", 1, ",3,"},  {"33,4", 1, "33,4,3"}};
+    const struct { const char *read; uint32_t status; const char *sent; } rows[] = {
+        {"1,2", 1, "1,2,3"}, {"1,3,2", 1, "1,3,2"}, {"1,3,2", 2, "1,2"}, {"1,3,2", 0, "1,2"},
+        {"3", 2, ""},        {"", 1, "3"},          {"", 2, ""},        {"1,x,3", 1, "1"},
+        {"1,33", 2, "1,33"}, {"1,,2", 2, "1,2"},    {",3,", 1, ",3,"},  {"33,4", 1, "33,4,3"}};
     const char *statusText[] = {"N/A", "on", "off"};
     size_t requests = 0;
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(std::string(row.read) + " status " + std::to_string(row.status));
         WriteText(molk::kPackagePath, PackageFile(row.read));
         char message[] = "all well";

@@ -146,11 +146,7 @@ private:
 // What fn prints to stdout, and whether any piece of it was printed while
 // semaphore 0 of semId was taken. A line on a slow console must never hold
 // a sector lock.
-struct Printed {
-    int semId;
-    std::string text;
-    bool underLock;
-};
+struct Printed { int semId; std::string text; bool underLock; };
 inline Printed PrintedWhile(int semId, const std::function<void()> &fn) {
     Printed out = {semId, "", false};
     cookie_io_functions_t io = {};
