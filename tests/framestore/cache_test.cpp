@@ -18,11 +18,7 @@ SharedMemCacheHeader *CacheOf(SharedMemHandle *h) {
 // One step of a direct writer's script: 'w' an item with tick `arg`, 'u' an
 // unread item, 'e' a slot given up, 'x' a query left without update, 'p'
 // a pin on slot `arg`. Then the slot taken (-1: refused), O and L.
-struct Step {
-    char op;
-    uint32_t arg;
-    int slot, oldest, latest;
-};
+struct Step { char op; uint32_t arg; int slot, oldest, latest; };
 
 int Apply(SharedMemHandle *h, const Step &s) {
     SharedMemCacheHeader *c = CacheOf(h);
@@ -70,10 +66,7 @@ TEST_F(CacheTest, WriterTakesNewSlotsThenTheOldestThatNobodyHolds) {
     std::vector<Step> full36;
     for (int k = 0; k < SHM_CACHE_ENTRIES; ++k) full36.push_back({'w', 1u + k, k, 0, k});
     full36.push_back({'x', 0, -1, 0, 35});  // room for more, but no 37th slot
-    const struct {
-        const char *name, *desc;
-        std::vector<Step> steps;
-    } scripts[] = {
+    const struct { const char *name, *desc; std::vector<Step> steps; } scripts[] = {
         {"room for three, then the oldest", "12K~4K~clip",
          {{'w', 1, 0, 0, 0}, {'w', 2, 1, 0, 1}, {'w', 3, 2, 0, 2}, {'w', 4, 0, 1, 0},
           {'w', 5, 1, 2, 1}}},
@@ -203,10 +196,7 @@ TEST(CacheSearch, TiesClassesAndUnreadableSlots) {
     s.c.atCache[4].dwFlags = 7u << 16;
     EXPECT_EQ(4, SharedMem_SearchNextCacheIndex(&s.c, 10, nullptr));
     SharedMemReadRequest request = {};
-    const struct {
-        uint32_t cls;
-        int slot;
-    } classes[] = {{7, 4}, {8, -1}, {0x70000, -1}};
+    const struct { uint32_t cls; int slot; } classes[] = {{7, 4}, {8, -1}, {0x70000, -1}};
     for (const auto &k : classes) {
         request.dwCacheClass = k.cls;
         EXPECT_EQ(k.slot, SharedMem_SearchNextCacheIndex(&s.c, 0, &request)) << k.cls;

@@ -7,9 +7,7 @@
 
 namespace {
 
-struct Pin {
-    int sector, entry, attachId, count;
-};
+struct Pin { int sector, entry, attachId, count; };
 
 class ClearAttachId : public IpcTest {};
 

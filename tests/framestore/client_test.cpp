@@ -37,11 +37,7 @@ protected:
 // in a reset ring). A failed query is silent below level 6, a failed
 // release warns from level 4 on.
 TEST_F(ClientTest, VerdictsOnIndexAndTickAroundARewind) {
-    struct Case {
-        int o, l, b, index;
-        uint32_t tick, next;
-        int query, release;
-    } cases[] = {
+    struct Case { int o, l, b, index; uint32_t tick, next; int query, release; } cases[] = {
         {2, 0, 3, 0, 100, 1, 0, 0},      // two generations: the newest
         {2, 0, 3, 3, 400, 0, 0, 0},      // the boundary wraps to 0
         {2, 0, 3, 0, 999, 1, -1, -1},    // entry rewritten
@@ -80,11 +76,7 @@ TEST_F(ClientTest, VerdictsOnIndexAndTickAroundARewind) {
 // slot's pin, with no validity test (the cursor proves nothing there).
 TEST_F(ClientTest, ReleaseAndFreeGiveThePinBackOnce) {
     enum What { kBrokenLock, kCountLost, kRewoundPast, kCached, kReset };
-    struct Case {
-        What what;
-        int cursor;
-        const char *log;
-    } cases[] = {
+    struct Case { What what; int cursor; const char *log; } cases[] = {
         {kBrokenLock, 2, "[shmem] : SemaphoreP failed"},
         {kCountLost, 2, "[shmem] : release unoccupied buffer?"},
         {kRewoundPast, 2,
@@ -138,10 +130,7 @@ TEST_F(ClientTest, TickRangeOfACacheSectorWithAndWithoutWrap) {
     EXPECT_EQ(-1, SharedMem_CheckClientValidByTimeTick(cache, &client));  // nothing written
     cache->iOldestIndex = 1;
     cache->iLatestIndex = 3;
-    struct Case {
-        uint32_t oldest, latest, tick;
-        int result;
-    } cases[] = {
+    struct Case { uint32_t oldest, latest, tick; int result; } cases[] = {
         {100, 200, 100, 0},        {100, 200, 200, 0},       {100, 200, 99, -1},
         {100, 200, 201, -1},       {0xFFFFFF00u, 0x10, 0xFFFFFFFFu, 0},
         {0xFFFFFF00u, 0x10, 5, 0}, {0xFFFFFF00u, 0x10, 0x11, -1},

@@ -148,11 +148,7 @@ TEST(Reader, LayerMarkOnlyAndRateFilters) {
     constexpr uint32_t kMark = SHM_READ_MARK_ONLY, kRate = SHM_READ_RATE_LIMIT;
     const V mixed = {kKey,         Predicted(0), Predicted(2), Predicted(1),
                      Predicted(3), kKey,         Predicted(2)};
-    const struct {
-        V ticks, frames;
-        uint32_t flags, interval;
-        V steps;
-    } cases[] = {
+    const struct { V ticks, frames; uint32_t flags, interval; V steps; } cases[] = {
         // 25 frames a second, at most one per 100 ms: the 20 ms by which
         // 1120 came late lets 1200 through, so the average stays 100 ms.
         {Ticks(16, 1000, 40), V(16, kKey), kRate, 100,
@@ -328,10 +324,7 @@ TEST(Timeshift, BandCalibrationJumpNoOvertakeAndCrossover) {
 // The three entries from the oldest on may be taken by the writer's next
 // frame; the latest one never is.
 TEST(Timeshift, FrameTooOldNamesTheOldestAndTheTwoAfterIt) {
-    struct Case {
-        int o, l, b;
-        V tooOld, notTooOld;
-    } cases[] = {
+    struct Case { int o, l, b; V tooOld, notTooOld; } cases[] = {
         {5, 2, 20, {5, 6, 7}, {8, 4}}, {9, 3, 9, {9, 0, 1}, {2}},  // O = B wraps to 0
         {0, 1, 1, {0}, {1}},           {0, 2, 2, {1}, {2}},
         {9, 0, 9, {0}, {}},  // after a wrap the latest is no exception
@@ -355,10 +348,7 @@ TEST(Timeshift, FrameTooOldNamesTheOldestAndTheTwoAfterIt) {
 // a small ring lying past 1 MiB). Space is counted forward from the write
 // offset, across the end.
 TEST(Timeshift, InsideMarginAtItsEdges) {
-    struct Case {
-        uint32_t end, start, write, frame;
-        int inside;
-    } cases[] = {
+    struct Case { uint32_t end, start, write, frame; int inside; } cases[] = {
         {1024, 0, 500, 500, 0},          {1025, 0, 500, 500, 1},
         {1025, 0, 1000, 0, 1},           {1048576, 0, 6928, 10000, 0},
         {1048576, 0, 6929, 10000, 1},    {1048577, 0, 92800, 400000, 0},
@@ -488,19 +478,6 @@ TEST(Adaptive, LayerWaitAfterAWindowOpensOnAPredictedFrame) {
           {0, 12, 0, 12, 112, 100, 112, 100, 100, 100, 100});
     check({kKey, Predicted(0), Predicted(1), kKey, Predicted(0), Predicted(1), Predicted(5)},
           {0, 12, 12, 0, 100, 100, 100});
-}
-
-// A stamp file that cannot be made reads as no tick, query after query:
-// one in a subdirectory is refused, and the handle keeps a word of zeros.
-TEST(Adaptive, StampFileThatCannotBeMadeLeavesTheThinning) {
-    FakeRing f(4000);
-    strcpy(f.ring()->szSecondTag, "/tmp/no-such-dir/stamp");
-    WriteRun(f, 3, 10000, 100, 5);
-    Reader r(f, 3);
-    DebugLevel quiet(2);
-    EXPECT_EQ((V{0, 11, 11}), AdaptiveWalk(r, {kInPlace | kMarkOutside, 10000}, 3));
-    ASSERT_NE(nullptr, r.handle()->pdwAdaptiveStamp);
-    EXPECT_EQ(0u, *r.handle()->pdwAdaptiveStamp);
 }
 
 }  // namespace

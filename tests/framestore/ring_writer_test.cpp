@@ -24,10 +24,7 @@ bool Marked(const SharedMemFrameEntry &e) { return (e.dwFlags & SHM_FRAME_WRITIN
 TEST(RingWriter, LapByLapIndicesAndPlaces) {
     FakeRing f(1000);
     const uint32_t s = f.start();
-    struct Step {
-        uint32_t size;
-        RingIndices after;
-    } steps[] = {
+    struct Step { uint32_t size; RingIndices after; } steps[] = {
         {300, {0, 0, 0, 1, s + 300}},   {300, {0, 1, 1, 2, s + 600}}, {300, {0, 2, 2, 3, s + 900}},
         {300, {1, 0, 2, 1, s + 300}},   {100, {2, 1, 2, 2, s + 400}}, {100, {0, 2, 2, 3, s + 500}},
         {950, {0, 0, 0, 1, s + 952}},   {500, {0, 0, 0, 1, s + 500}}, {400, {0, 1, 1, 2, s + 900}},

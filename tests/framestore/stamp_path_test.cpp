@@ -39,14 +39,6 @@ void Make(const char *path, Kind kind) {
     }
 }
 
-uint32_t WordIn(const char *path) {
-    uint32_t word = 0xFFFFFFFFu;  // missing
-    FILE *f = fopen(path, "r");
-    if (f != nullptr && fread(&word, 4, 1, f) != 1) word = 0xFFFFFFFEu;
-    if (f != nullptr) fclose(f);
-    return word;
-}
-
 TEST(StampPath, OnlyRegularFilesDirectlyInTheRunTimeDirectories) {
     const StampCase cases[] = {
         {"/tmp/stamp-file", kFile, true},
@@ -58,6 +50,7 @@ TEST(StampPath, OnlyRegularFilesDirectlyInTheRunTimeDirectories) {
         {"tmp/stamp-relative", kMissing, false},
         {"/tmp/stamp-link", kLink, false},
         {"/tmp/stamp-dirlink/stamp-target", kMissing, false},  // through a linked directory
+        {"/tmp/no-such-dir/stamp", kMissing, false},
         {"/tmp/stamp-dir", kDir, false},
         {"/tmp/stamp-fifo", kFifo, false},
         {"/etc/conf.d/stamp-new", kMissing, false},      // outside the list
@@ -73,8 +66,7 @@ TEST(StampPath, OnlyRegularFilesDirectlyInTheRunTimeDirectories) {
         struct stat st;
         const bool existed = lstat(c.path, &st) == 0;
         FakeRing f(4000);
-        memset(f.ring()->szSecondTag, 0, sizeof f.ring()->szSecondTag);
-        strncpy(f.ring()->szSecondTag, c.path, SHM_TAG_MAX);
+        StampFile stamp(f, c.path);  // and removed with it
         WriteRun(f, 3, 10000, 100, 5);
         Reader r(f, 3);
         // Two queries: a refusal is logged by the first alone.
@@ -89,14 +81,13 @@ TEST(StampPath, OnlyRegularFilesDirectlyInTheRunTimeDirectories) {
         EXPECT_EQ(c.accepted ? 0u : 1u, refusals) << out.text;
         ASSERT_NE(nullptr, r.handle()->pdwAdaptiveStamp);
         EXPECT_EQ(c.accepted && c.kind == kFile ? kTick : 0u, *r.handle()->pdwAdaptiveStamp);
-        EXPECT_EQ(kTick, WordIn(kElsewhere)) << "the file elsewhere was touched";
+        EXPECT_EQ(kTick, StampWord(kElsewhere)) << "the file elsewhere was touched";
         if (c.accepted) {
-            EXPECT_NE(0xFFFFFFFFu, WordIn(c.path)) << "not made";
+            EXPECT_NE(0xFFFFFFFFu, stamp.Read()) << "not made";
         } else {
             EXPECT_EQ(existed, lstat(c.path, &st) == 0) << "made";
         }
         if (c.kind == kDir) rmdir(c.path);
-        unlink(c.path);
     }
     unlink(kElsewhere);
     unlink("/tmp/stamp-dirlink");

@@ -12,10 +12,7 @@ namespace {
 
 // Each pair is compared both ways: the answer flips, the distance stays.
 TEST(TickOrder, ComparesTheShortWayRound) {
-    const struct {
-        uint32_t a, b, distance;
-        int result;
-    } cases[] = {
+    const struct { uint32_t a, b, distance; int result; } cases[] = {
         {5, 5, 0, 0},
         {0xFFFFFFF0u, 0x10, 0x20, -1},      // wrapped: the small tick is later
         {0x80000000u, 0, 0x80000000u, -1},  // exactly 2^31 counts as wrapped
@@ -156,10 +153,7 @@ TEST(SearchUnderAWriter, WalksStayBoundedWhileTheIndicesMove) {
 // plain, not wrapped; filters drop marked or failed entries, or pinned ones.
 TEST(RequestTimeTick, KeepsTheBestTickInTheDirectionsSenseAndSkipsFilteredEntries) {
     constexpr uint32_t kFw = SHM_SEARCH_FORWARD, kBw = SHM_SEARCH_BACKWARD, kMax = 0xFFFFFFFFu;
-    const struct {
-        uint32_t tick, flags, pins, filter, direction, best;
-        int result;
-    } steps[] = {
+    const struct { uint32_t tick, flags, pins, filter, direction, best; int result; } steps[] = {
         {500, 0, 0, 0, 99, 500, 0},  // the first entry is taken in any direction
         {600, 0, 0, 0, kFw, 500, -1},
         {400, 0, 0, 0, kFw, 400, 0},

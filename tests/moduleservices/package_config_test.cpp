@@ -8,11 +8,11 @@
 
 #include "molkutil.h"
 #include "moduleservices/paths.h"
-#include "standin_support.h"
+#include "services_support.h"
 
 namespace {
 
-using svctest::Spill;
+using svc::WriteText;
 
 // The list as one line: "index:name|vendor|version|path;" per node.
 std::string Describe(const MolkPkgInfo *list) {
@@ -49,7 +49,7 @@ TEST_F(PackageFileTest, ReaderSizesItsBlockToTheFileWithNulsBehind) {
     for (const std::string &text : {std::string(), std::string("abcd"), std::string("abcde"),
                                     std::string("abc"), longLine}) {
         SCOPED_TRACE(text.size());
-        Spill("/tmp/readfile", text);
+        WriteText("/tmp/readfile", text);
         char *buffer = nullptr;
         int size = 0;
         ASSERT_EQ(0, MolkUtil_ReadFile("/tmp/readfile", &buffer, &size));
@@ -72,15 +72,13 @@ TEST_F(PackageFileTest, ReaderSizesItsBlockToTheFileWithNulsBehind) {
 TEST_F(PackageFileTest, PackageListOrderAndIndexFollowTheFile) {
     const std::string a = Pkg(0, "<name>a</name><vendor>v</vendor><version>1</version><path>/p/a</path>");
     const std::string b1 = Pkg(1, "<name>b</name><vendor>v</vendor>");
-    struct Row {
+    const struct {
         const char *what;
         std::string file;
         int parse;
-        std::string list;
-        std::string order;
+        std::string list, order;
         int indexOfB;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"in order", "<x><molk><module><order>1,0</order>" + a + b1 + "</module></molk></x>", 0,
          "0:a|v|1|/p/a;1:b|v||;", "1,0", 1},
         {"order after the packages", "<top><molk><module>" + a + b1 + "<order>0</order></module></molk></top>",
@@ -102,9 +100,9 @@ TEST_F(PackageFileTest, PackageListOrderAndIndexFollowTheFile) {
         {"no molk", "<x><module>" + a + "</module></x>", -1, "", "keep", -1},
         {"not well-formed", "<x><molk><module><order>3</order>" + a + "</molk></x>", -1, "", "keep", -1},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
-        Spill(molk::kPackagePath, row.file);
+        WriteText(molk::kPackagePath, row.file);
         MolkPkgInfo *list = nullptr;
         EXPECT_EQ(row.parse, MolkUtil_ParseMolkConf(&list));
         EXPECT_EQ(row.list, Describe(list));
@@ -134,13 +132,10 @@ TEST_F(PackageFileTest, SearchMatchesNameAndVendorAndSkipsNamelessNodes) {
         strcpy(nodes[i].vendor, i == 1 ? "other" : "acme");
         nodes[i].next = i < 3 ? &nodes[i + 1] : nullptr;
     }
-    struct Row {
-        const char *name, *vendor;
-        int index;
-    };
-    const Row rows[] = {{"cam", "acme", 12}, {"cam", "other", 11}, {"door", "acme", 13},
-                        {"", "acme", -1},    {"cam", "acm", -1},   {"door", "other", -1}};
-    for (const Row &row : rows) {
+    const struct { const char *name, *vendor; int index; } rows[] = {
+        {"cam", "acme", 12}, {"cam", "other", 11}, {"door", "acme", 13},
+        {"", "acme", -1},    {"cam", "acm", -1},   {"door", "other", -1}};
+    for (const auto &row : rows) {
         EXPECT_EQ(row.index, MolkUtil_SearchPkgIdx(nodes, Id(row.name, row.vendor)))
             << row.name << "/" << row.vendor;
     }
@@ -148,21 +143,16 @@ TEST_F(PackageFileTest, SearchMatchesNameAndVendorAndSkipsNamelessNodes) {
 }
 
 TEST_F(PackageFileTest, ModelNameFromTheSystemFile) {
-    struct Row {
-        const char *file;
-        int result;
-        const char *model;
-    };
-    const Row rows[] = {
+    const struct { const char *file; int result; const char *model; } rows[] = {
         {"<s><system><info><modelname>VX-2000</modelname></info></system></s>", 0, "VX-2000"},
         {"<s><system><info><serial>1</serial></info></system></s>", 0, "keep"},
         {"<s><system><modelname>VX</modelname></system></s>", -1, "keep"},
         {"<s><info><modelname>VX</modelname></info></s>", -1, "keep"},
         {"", -1, "keep"},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.file);
-        Spill(molk::kSystemPath, row.file);
+        WriteText(molk::kSystemPath, row.file);
         char model[40] = "keep";
         EXPECT_EQ(row.result, MolkUtil_ParseSysConf(model));
         EXPECT_STREQ(row.model, model);
@@ -179,13 +169,10 @@ TEST(ChildReaders, ReadStringsAndNumbersOfChildren) {
     ASSERT_EQ(0, MOLK_XML_Initial(&xml, &param));
     ASSERT_EQ(0, MOLK_XML_SetBuffer(xml, text, sizeof text, sizeof text - 1));
     ASSERT_EQ(1, MOLK_XML_FindElem(xml, "a"));
-    struct Row {
-        const char *name;
-        int result, value;
-    };
     // 15 characters of the big one are read; held to 32 bits.
-    const Row rows[] = {{"n", 0, 42}, {"neg", 0, -7}, {"big", 0, 2147483647}, {"none", -1, 99}};
-    for (const Row &row : rows) {
+    const struct { const char *name; int result, value; } rows[] = {
+        {"n", 0, 42}, {"neg", 0, -7}, {"big", 0, 2147483647}, {"none", -1, 99}};
+    for (const auto &row : rows) {
         MOLK_XML_ResetChildPos(xml);
         int value = 99;
         EXPECT_EQ(row.result, MolkUtil_GetChildInt(xml, row.name, &value)) << row.name;

@@ -1,4 +1,4 @@
-// Registrations racing in several processes, a lock holder killed, and
+// Registrations racing in several processes, one waiting for the lock, and
 // registering processes killed at random moments: nothing that reported
 // success is lost, no lock stays held, and the registry file is always the
 // old text or the new one, whole.
@@ -13,33 +13,28 @@
 #include <string>
 
 #include "molkutil.h"
-#include "registry_support.h"
+#include "moduleservices/named_semaphore.h"
+#include "services_support.h"
 
 namespace {
 
-using namespace regtest;
+using namespace svc;
 
 // As a module does: tries again while it loses the lock (error word
-// unwritten). Exit code 0 registered, 1 refused, 2 never got the lock.
-[[noreturn]] void RegisterAndExit(const std::string &description) {
+// unwritten). 0 registered, 1 refused, 2 never got the lock.
+int Register(const std::string &description) {
     for (int attempt = 0; attempt < 100000; ++attempt) {
         std::string text = description;
         OnvifAnalyticsHandle *h = nullptr;
         uint32_t error = kUnwritten;
-        if (RegisterOnvifAnalyticsService(&h, &text[0], &error) == 0) _exit(0);
-        if (error != kUnwritten) _exit(1);
+        if (RegisterOnvifAnalyticsService(&h, &text[0], &error) == 0) return 0;
+        if (error != kUnwritten) return 1;
     }
-    _exit(2);
+    return 2;
 }
 
-pid_t Spawn(const std::string &description) {
-    const pid_t pid = fork();
-    if (pid == 0) RegisterAndExit(description);
-    return pid;
-}
-
-bool Exited(pid_t pid, int *status) {
-    return WaitFor([&] { return waitpid(pid, status, WNOHANG) == pid; });
+pid_t SpawnRegistration(const std::string &description) {
+    return Spawn([description] { return Register(description); });
 }
 
 TEST_F(RegistryTest, ConcurrentRegistrationsAreAllKept) {
@@ -47,21 +42,16 @@ TEST_F(RegistryTest, ConcurrentRegistrationsAreAllKept) {
     ASSERT_EQ(0, pipe(gate));
     pid_t children[9];
     for (int i = 0; i < 9; ++i) {
-        children[i] = fork();
-        if (children[i] == 0) {
+        children[i] = Spawn([&gate, i] {
             close(gate[1]);
             char c;
-            if (read(gate[0], &c, 1) < 0) _exit(3);  // all start when the gate closes
-            RegisterAndExit(Module("P" + std::to_string(i), "motion", getpid(), i % 2 ? getpid() : 0));
-        }
+            if (read(gate[0], &c, 1) < 0) return 3;  // all start when the gate closes
+            return Register(Module("P" + std::to_string(i), "motion", getpid(), i % 2 ? getpid() : 0));
+        });
     }
     close(gate[0]);
     close(gate[1]);
-    for (int i = 0; i < 9; ++i) {
-        int status = -1;
-        ASSERT_TRUE(Exited(children[i], &status));
-        EXPECT_EQ(0, WEXITSTATUS(status)) << i;
-    }
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(0, Reap(children[i])) << i;
     const std::string text = ReadText(molk::kRegistryPath);
     for (int i = 0; i < 9; ++i) {
         EXPECT_NE(std::string::npos, text.find("token=\"P" + std::to_string(i) + "\"")) << text;
@@ -69,30 +59,20 @@ TEST_F(RegistryTest, ConcurrentRegistrationsAreAllKept) {
     }
 }
 
-TEST_F(RegistryTest, KilledHolderLetsTheWaiterGoOn) {
-    int ready[2];
-    ASSERT_EQ(0, pipe(ready));
-    const pid_t holder = fork();
-    if (holder == 0) {  // another process of the device holding the registry's lock
-        MolkSemaphoreHandle *sem = nullptr;
-        if (MolkSemaphore_Initial(&sem, molk::kRegistryPath) != 0 || MolkSemaphore_Lock(sem) != 0) _exit(1);
-        if (write(ready[1], "x", 1) != 1) _exit(1);
-        pause();
-        _exit(0);
-    }
-    char c;
-    ASSERT_EQ(1, read(ready[0], &c, 1));
-    const pid_t waiter = Spawn(Module("W", "motion", 4343, 0));
-    const int semId = semget(RegistryKey(), 0, 0);
-    EXPECT_TRUE(WaitFor([&] { return semctl(semId, 0, GETNCNT) == 1; })) << "the waiter should block";
-    kill(holder, SIGKILL);
-    waitpid(holder, nullptr, 0);
-    int status = -1;
-    ASSERT_TRUE(Exited(waiter, &status));
-    EXPECT_EQ(0, WEXITSTATUS(status));
+// Another process of the device that holds the registry's lock (here the
+// test itself) holds a registration back until it lets go. A holder killed
+// instead is the semaphore tests' part.
+TEST_F(RegistryTest, RegistrationWaitsForTheDevicesLock) {
+    MolkSemaphoreHandle *sem = nullptr;
+    ASSERT_EQ(0, MolkSemaphore_Initial(&sem, molk::kRegistryPath));
+    ASSERT_EQ(0, MolkSemaphore_Lock(sem));
+    const pid_t waiter = SpawnRegistration(Module("W", "motion", 4343, 0));
+    const int semId = molk::SemaphoreId(sem);
+    EXPECT_TRUE(Eventually([&] { return semctl(semId, 0, GETNCNT) == 1; })) << "the waiter should block";
+    EXPECT_EQ(0, MolkSemaphore_Unlock(sem));
+    EXPECT_EQ(0, Reap(waiter));
     EXPECT_NE(std::string::npos, ReadText(molk::kRegistryPath).find("token=\"W\""));
-    close(ready[0]);
-    close(ready[1]);
+    free(sem);  // the registration removed its set
 }
 
 long long NowUs() {
@@ -111,7 +91,7 @@ TEST_F(RegistryTest, KillAtRandomMomentsLeavesOldOrNewText) {
     ASSERT_EQ(0, UnRegisterOnvifAnalyticsService(&h));  // reaches no side: "Old" stays
     const std::string old = ReadText(molk::kRegistryPath);
     long long start = NowUs();
-    waitpid(Spawn(second), nullptr, 0);
+    waitpid(SpawnRegistration(second), nullptr, 0);
     const long long span = NowUs() - start;
     const std::string fresh = ReadText(molk::kRegistryPath);
     const char *env = getenv("MOLK_KILL_ITERATIONS");
@@ -122,7 +102,7 @@ TEST_F(RegistryTest, KillAtRandomMomentsLeavesOldOrNewText) {
     for (int i = 0; i < iterations; ++i) {
         WriteText(molk::kRegistryPath, old);
         keys.insert(RegistryKey());
-        const pid_t child = Spawn(second);
+        const pid_t child = SpawnRegistration(second);
         usleep(static_cast<useconds_t>(random() % (span * 3 / 2 + 1)));
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);

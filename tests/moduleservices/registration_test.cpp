@@ -11,8 +11,7 @@
 #include <vector>
 
 #include "molkutil.h"
-#include "registry_support.h"
-#include "standin_support.h"
+#include "services_support.h"
 
 // Every signal 31 the library sends, from this process or a forked one, is
 // logged here first: the order of the calls is what the daemons cannot see.
@@ -28,92 +27,8 @@ extern "C" int kill(pid_t pid, int sig) {
 
 namespace {
 
-using namespace regtest;
+using namespace svc;
 std::string Signals() { return ReadText("/tmp/molk-signals"); }
-
-TEST_F(RegistryTest, EveryFailingExitKeepsTheRegistry) {
-    const std::string base = "<root><VideoAnalyticsConfiguration token=\"Full\" vendor=\"acme\"><Name>m</Name>"
-        "<AE><AnalyticsEnginePID>21</AnalyticsEnginePID></AE><RE><RuleEnginePID>22</RuleEnginePID></RE>"
-        "</VideoAnalyticsConfiguration><VideoAnalyticsConfiguration token=\"OnlyRe\"><RE>"
-        "<RuleEnginePID>31</RuleEnginePID></RE></VideoAnalyticsConfiguration></root>";
-    std::string crowded = "<root>\r\n";  // reads whole, but no room for one more module
-    const std::string fill(230, 'x');
-    for (int i = 0; i < 6; ++i) {
-        crowded += "<VideoAnalyticsConfiguration token=\"c" + std::to_string(i) + "\">";
-        for (const char *side : {"AE><AnalyticsEngine", "RE><RuleEngine"}) {
-            const std::string n = std::string(side).substr(4);
-            crowded += std::string("<") + side + "Description>" + fill + "</" + n + "Description><" + n +
-                       "Configuration>" + fill + "</" + n + "Configuration><" + n + "PID>5</" + n + "PID></" +
-                       std::string(side, 2) + ">";
-        }
-        crowded += "</VideoAnalyticsConfiguration>\r\n";
-    }
-    crowded += "</root>\r\n";
-    const struct { const char *why; std::string registry; const char *packages; std::string module;
-                   uint32_t error; const char *message; } cases[] = {
-        {"no description", base, kPackages, "", kUnwritten, "[molkservice] Input data is NULL!\n"},
-        {"no registry file", "-", kPackages, Module("N", "motion", 9, 0), kUnwritten, "semaphore initial failed!"},
-        {"not XML", base, kPackages, "garbage", 2, "XMLProcessor Set buffer failed!\n"},
-        {"no name", base, kPackages, "<molk><token>N</token><vendor>v</vendor><ae><pid>9</pid></ae></molk>", 2,
-         "Fail to parse xml contents. :: RegisterOnvifAnalyticsService : 814"},
-        {"unwritable name", base, kPackages, Module("N", "a&amp;b", 9, 0), 2, "Fail to parse xml contents"},
-        {"other top level", base, kPackages, "<mod><token>N</token></mod>", 2, "Fail to parse xml contents"},
-        {"AE conflict", base, kPackages, Module("Full", "motion", 9, 9), 1,
-         "AE Token Conflict : Full\n[molkservice] Video Analytics Token is confclict. :: "
-         "RegisterOnvifAnalyticsService : 827\n"},
-        {"RE conflict", base, kPackages, Module("OnlyRe", "motion", 9, 9), 1, "RE Token Conflict : OnlyRe\n"},
-        {"no package file", base, nullptr, Module("N", "motion", 9, 0), 8,
-         "Set buffer failed! :: FillInformationToOnvifAnalyticsConfigFile : 689\n[molkservice] Fail to register the "
-         "onvif analytics service. :: RegisterOnvifAnalyticsService : 835\n"},
-        {"no module", base, "<cfg><molk><x/></molk></cfg>", Module("N", "motion", 9, 0), 8,
-         "Get module path from MOLK config file failed! :: FillInformationToOnvifAnalyticsConfigFile : 697"},
-        {"malformed registry", "<root><VideoAnalytics", kPackages, Module("N", "motion", 9, 0), 8, "Fail to register"},
-        {"registry too long", "<root>" + std::string(8200, ' ') + "</root>", kPackages, Module("N", "m", 9, 0), 8,
-         "Fail to register"},
-        {"text too long", crowded, kPackages, Module("N", "motion", 9, 0), 8, "Fail to register"},
-    };
-    ASSERT_LT(crowded.size(), 8192u);
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.why);
-        unlink("/tmp/molk-signals");
-        if (c.registry == "-") unlink(molk::kRegistryPath); else WriteText(molk::kRegistryPath, c.registry);
-        if (c.packages != nullptr) WriteText(molk::kPackagePath, c.packages); else unlink(molk::kPackagePath);
-        OnvifAnalyticsHandle *h = nullptr;
-        uint32_t error = kUnwritten;
-        std::string module = c.module;
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(-1, RegisterOnvifAnalyticsService(&h, module.empty() ? nullptr : &module[0], &error));
-        const std::string out = testing::internal::GetCapturedStdout();
-        EXPECT_NE(std::string::npos, out.find(c.message)) << out;
-        EXPECT_EQ(c.error, error);
-        EXPECT_EQ(nullptr, h);
-        EXPECT_EQ(c.registry == "-" ? "" : c.registry, ReadText(molk::kRegistryPath));
-        EXPECT_EQ(c.registry == "-", access(molk::kRegistryPath, F_OK) != 0);
-        EXPECT_EQ("", Signals());
-    }
-}
-
-// Unregistration: nothing written and nobody told when the registry holds
-// no configuration; without a registry file the handle stays the caller's.
-TEST_F(RegistryTest, UnregistrationFailuresWriteNothing) {
-    EXPECT_EQ(-1, UnRegisterOnvifAnalyticsService(nullptr));
-    std::string module = Module("U", "motion", getpid(), 0);
-    for (const char *registry : {"", "<root>\r\n</root>\r\n", "<root><x", "-"}) {
-        OnvifAnalyticsHandle *h = nullptr;
-        uint32_t error;
-        WriteText(molk::kRegistryPath, "");
-        ASSERT_EQ(0, RegisterOnvifAnalyticsService(&h, &module[0], &error));
-        const std::string registered = ReadText(molk::kRegistryPath);
-        if (registry[0] == '-') unlink(molk::kRegistryPath); else WriteText(molk::kRegistryPath, registry);
-        unlink("/tmp/molk-signals");
-        EXPECT_EQ(-1, UnRegisterOnvifAnalyticsService(&h));
-        EXPECT_EQ(registry[0] == '-' ? "" : registry, ReadText(molk::kRegistryPath));
-        EXPECT_EQ("", Signals());
-        if (registry[0] != '-') continue;
-        WriteText(molk::kRegistryPath, registered);
-        EXPECT_EQ(0, UnRegisterOnvifAnalyticsService(&h));  // the same handle, kept
-    }
-}
 
 // ---- The model: the registry as a list of entries -----------------------
 
@@ -181,6 +96,82 @@ struct Model {
     }
 };
 
+TEST_F(RegistryTest, EveryFailingExitKeepsTheRegistry) {
+    const std::string base = "<root><VideoAnalyticsConfiguration token=\"Full\" vendor=\"acme\"><Name>m</Name>"
+        "<AE><AnalyticsEnginePID>21</AnalyticsEnginePID></AE><RE><RuleEnginePID>22</RuleEnginePID></RE>"
+        "</VideoAnalyticsConfiguration><VideoAnalyticsConfiguration token=\"OnlyRe\"><RE>"
+        "<RuleEnginePID>31</RuleEnginePID></RE></VideoAnalyticsConfiguration></root>";
+    Model crowded;  // reads whole, but no room for one more module
+    const std::string fill(180, 'x');
+    for (int i = 0; i < 6; ++i) {
+        crowded.entries.push_back({"c" + std::to_string(i), "m", 0, {5, 1, fill, fill}, {5, 1, fill, fill}});
+    }
+    const struct { const char *why; std::string registry; const char *packages; std::string module;
+                   uint32_t error; const char *message; } cases[] = {
+        {"no description", base, kPackages, "", kUnwritten, "[molkservice] Input data is NULL!\n"},
+        {"no registry file", "-", kPackages, Module("N", "motion", 9, 0), kUnwritten, "semaphore initial failed!"},
+        {"not XML", base, kPackages, "garbage", 2, "XMLProcessor Set buffer failed!\n"},
+        {"no name", base, kPackages, "<molk><token>N</token><vendor>v</vendor><ae><pid>9</pid></ae></molk>", 2,
+         "Fail to parse xml contents. :: RegisterOnvifAnalyticsService : 814"},
+        {"unwritable name", base, kPackages, Module("N", "a&amp;b", 9, 0), 2, "Fail to parse xml contents"},
+        {"other top level", base, kPackages, "<mod><token>N</token></mod>", 2, "Fail to parse xml contents"},
+        {"AE conflict", base, kPackages, Module("Full", "motion", 9, 9), 1,
+         "AE Token Conflict : Full\n[molkservice] Video Analytics Token is confclict. :: "
+         "RegisterOnvifAnalyticsService : 827\n"},
+        {"RE conflict", base, kPackages, Module("OnlyRe", "motion", 9, 9), 1, "RE Token Conflict : OnlyRe\n"},
+        {"no package file", base, nullptr, Module("N", "motion", 9, 0), 8,
+         "Set buffer failed! :: FillInformationToOnvifAnalyticsConfigFile : 689\n[molkservice] Fail to register the "
+         "onvif analytics service. :: RegisterOnvifAnalyticsService : 835\n"},
+        {"no module", base, "<cfg><molk><x/></molk></cfg>", Module("N", "motion", 9, 0), 8,
+         "Get module path from MOLK config file failed! :: FillInformationToOnvifAnalyticsConfigFile : 697"},
+        {"malformed registry", "<root><VideoAnalytics", kPackages, Module("N", "motion", 9, 0), 8, "Fail to register"},
+        {"registry too long", "<root>" + std::string(8200, ' ') + "</root>", kPackages, Module("N", "m", 9, 0), 8,
+         "Fail to register"},
+        {"text too long", crowded.Render(0), kPackages, Module("N", "motion", 9, 0), 8,
+         "MOLK : /opt/motion\n[molkservice] Fail to register"},  // read whole, then too long
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.why);
+        unlink("/tmp/molk-signals");
+        if (c.registry == "-") unlink(molk::kRegistryPath); else WriteText(molk::kRegistryPath, c.registry);
+        if (c.packages != nullptr) WriteText(molk::kPackagePath, c.packages); else unlink(molk::kPackagePath);
+        OnvifAnalyticsHandle *h = nullptr;
+        uint32_t error = kUnwritten;
+        std::string module = c.module;
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(-1, RegisterOnvifAnalyticsService(&h, module.empty() ? nullptr : &module[0], &error));
+        const std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_NE(std::string::npos, out.find(c.message)) << out;
+        EXPECT_EQ(c.error, error);
+        EXPECT_EQ(nullptr, h);
+        EXPECT_EQ(c.registry == "-" ? "" : c.registry, ReadText(molk::kRegistryPath));
+        EXPECT_EQ(c.registry == "-", access(molk::kRegistryPath, F_OK) != 0);
+        EXPECT_EQ("", Signals());
+    }
+}
+
+// Unregistration: nothing written and nobody told when the registry holds
+// no configuration; without a registry file the handle stays the caller's.
+TEST_F(RegistryTest, UnregistrationFailuresWriteNothing) {
+    EXPECT_EQ(-1, UnRegisterOnvifAnalyticsService(nullptr));
+    std::string module = Module("U", "motion", getpid(), 0);
+    for (const char *registry : {"", "<root>\r\n</root>\r\n", "<root><x", "-"}) {
+        OnvifAnalyticsHandle *h = nullptr;
+        uint32_t error;
+        WriteText(molk::kRegistryPath, "");
+        ASSERT_EQ(0, RegisterOnvifAnalyticsService(&h, &module[0], &error));
+        const std::string registered = ReadText(molk::kRegistryPath);
+        if (registry[0] == '-') unlink(molk::kRegistryPath); else WriteText(molk::kRegistryPath, registry);
+        unlink("/tmp/molk-signals");
+        EXPECT_EQ(-1, UnRegisterOnvifAnalyticsService(&h));
+        EXPECT_EQ(registry[0] == '-' ? "" : registry, ReadText(molk::kRegistryPath));
+        EXPECT_EQ("", Signals());
+        if (registry[0] != '-') continue;
+        WriteText(molk::kRegistryPath, registered);
+        EXPECT_EQ(0, UnRegisterOnvifAnalyticsService(&h));  // the same handle, kept
+    }
+}
+
 // A forked module process: registers the description it is sent, or
 // unregisters on "U", and answers "result errorword".
 struct ModuleProcess {
@@ -222,26 +213,33 @@ struct ModuleProcess {
 pid_t StartDaemon(const char *name) {
     const std::string log = std::string("/tmp/") + name + ".log";
     unlink(log.c_str());
-    return svctest::StartTool(name, {}, log);
+    return StartTool(name, {}, log);
 }
 
-// The line a daemon logged for its n-th signal, "" until it has.
+// The line a daemon logged for its n-th signal, "" until it has written
+// all of it: a reader may meet a line of the log half written.
 std::string DaemonLine(const char *name, int n) {
-    const std::string log = ReadText((std::string("/tmp/") + name + ".log").c_str());
+    const std::string log = ReadText(std::string("/tmp/") + name + ".log");
     const size_t at = log.find(std::string(name) + ": signal " + std::to_string(n) + ": ");
-    return at == std::string::npos ? "" : log.substr(at, log.find('\n', at) - at);
+    const size_t end = at == std::string::npos ? at : log.find('\n', at);
+    return end == std::string::npos ? "" : log.substr(at, end - at);
 }
 
 // Merging by token, conflicts by side, a full list, the builder's filter
 // and UseCount, step by step: the text byte for byte, one signal to each
-// daemon per change (onvifasd first), and what each daemon then read.
+// daemon per change (onvifasd first), and what each daemon then read. The
+// registry starts with "Pre", whose AE belongs to nobody here, and "Nil"
+// without sides, kept until the first unregistration drops it. Each step
+// waits for both daemons, so no two signals to one daemon ever merge.
 TEST_F(RegistryTest, SequencesFromSeveralProcessesFollowTheModel) {
     ASSERT_NE(nullptr, getenv("MOLK_TOOLS_DIR"));
     Model model;
     model.entries.push_back({"Pre", "old", 7, {999999, 1, "/c", "/d"}, {}});
+    model.entries.push_back({"Nil", "old", 3, {}, {}});
     WriteText(molk::kRegistryPath, model.Render(0));
     const pid_t asd = StartDaemon("onvifasd"), d = StartDaemon("onvifd");
-    ASSERT_TRUE(WaitFor([] { return !ReadText(molk::kOnvifAsdPidPath).empty() && !ReadText(molk::kOnvifdPidPath).empty(); }));
+    ASSERT_TRUE(Eventually(
+        [] { return !ReadText(molk::kOnvifAsdPidPath).empty() && !ReadText(molk::kOnvifdPidPath).empty(); }));
     unlink("/tmp/molk-signals");
     ModuleProcess p[6];
     // Process, token ("U": unregister), package, sides; process 5 registers
@@ -274,7 +272,7 @@ TEST_F(RegistryTest, SequencesFromSeveralProcessesFollowTheModel) {
         EXPECT_EQ(told, Signals());
         for (const char *daemon : {"onvifasd", "onvifd"}) {
             if (changes == 0) continue;
-            EXPECT_TRUE(WaitFor([&] { return !DaemonLine(daemon, changes).empty(); })) << daemon;
+            EXPECT_TRUE(Eventually([&] { return !DaemonLine(daemon, changes).empty(); })) << daemon;
             EXPECT_EQ(std::string(daemon) + ": signal " + std::to_string(changes) + ": parsed, " +
                           std::to_string(model.entries.size()) + " configurations" + model.Listing(),
                       DaemonLine(daemon, changes));

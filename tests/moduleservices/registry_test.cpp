@@ -1,19 +1,20 @@
 // The registry file and the module description below the registration:
-// the builder's filter, the reader's forward-only search, failed writes
-// that keep the file, and the description's counting rules.
+// the reader's limits and forward-only search, failed writes that keep the
+// file, and the description's counting rules. What the builder writes for
+// each filter is the registration model's part.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
 #include <memory>
 
-#include "registry_support.h"
+#include "services_support.h"
 // The file's operations are private to the library: compiled in here.
 #include "moduleservices/registry_file.cpp"
 
 namespace {
 
-using regtest::ReadText;
-using regtest::WriteText;
+using svc::ReadText;
+using svc::WriteText;
 
 struct Doc {
     std::unique_ptr<OnvifAnalyticsDocument> d{new OnvifAnalyticsDocument()};
@@ -29,40 +30,7 @@ struct Doc {
         snprintf(d->text, sizeof d->text, "%s", text.c_str());
         return ParseOnvifAnalyticsText(d.get(), list.get(), &verdict);
     }
-    std::string Build(int pid) {
-        int length = -1;
-        EXPECT_EQ(0, BuildOnvifAnalyticsConfigText(list.get(), pid, d->text, &length));
-        EXPECT_EQ(strlen(d->text), static_cast<size_t>(length));
-        return d->text;
-    }
 };
-
-// Which blocks survive a filter ("gone": the record is dropped), and what
-// the text reads back as: a filtered side, or an empty block, reads as 0.
-TEST(RegistryFile, BuilderFilterAndReadBack) {
-    const struct { int ae, re, filter; const char *blocks; } cases[] = {
-        {0, 700, 0, "RE"},        {700, 800, 700, "RE"}, {700, 800, 800, "AE"},
-        {700, 800, 900, "AE RE"}, {700, 0, 700, "gone"}, {700, 0, 900, "AE RE"},
-        {0, 0, 0, ""},            {0, 0, 5, "gone"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.ae << "/" << c.re << " filter " << c.filter);
-        Doc doc;
-        VideoAnalyticsConfiguration &r = doc.list->entries[doc.list->count++];
-        r = {3, "T", "motion", "acme", {c.ae, 2, "/ae.cfg", "/ae.desc"}, {c.re, 4, "/re.cfg", "/re.desc"}};
-        const std::string text = doc.Build(c.filter);
-        std::string blocks = text.find("<AE>") != std::string::npos ? "AE" : "";
-        if (text.find("<RE>") != std::string::npos) blocks += blocks.empty() ? "RE" : " RE";
-        if (text.find("<Video") == std::string::npos) blocks = "gone";
-        EXPECT_EQ(c.blocks, blocks);
-        doc.Parse(text);
-        ASSERT_EQ(blocks == "gone" ? 0 : 1, doc.list->count);
-        if (blocks == "gone") continue;
-        EXPECT_EQ(c.ae == c.filter ? 0 : c.ae, r.ae.pid);
-        EXPECT_EQ(c.re == c.filter ? 0 : c.re, r.re.pid);
-        EXPECT_EQ(3, r.UseCount);
-    }
-}
 
 TEST(RegistryFile, ReaderTable) {
     std::string eleven = "<root>";

@@ -14,7 +14,7 @@
 
 #include "molkutil.h"
 #include "moduleservices/paths.h"
-#include "standin_support.h"
+#include "services_support.h"
 
 // Counts the library's connects: this definition in the test program comes
 // before the C library's in the lookup of the library's calls.
@@ -26,10 +26,7 @@ extern "C" int connect(int fd, const struct sockaddr *address, socklen_t length)
 
 namespace {
 
-using svctest::Count;
-using svctest::Eventually;
-using svctest::Slurp;
-using svctest::Spill;
+using namespace svc;
 
 constexpr char kLog[] = "/tmp/configer-test.log";
 constexpr char kValues[] = "/tmp/configer-test.values";
@@ -65,23 +62,23 @@ protected:
     void SetUp() override {
         unlink(kLog);
         unlink(kValues);
-        Spill(molk::kPackagePath, PackageFile(""));
-        daemon_ = svctest::StartTool("configer", {"--store", kValues}, kLog);
-        ASSERT_TRUE(Eventually([] { return Slurp(kLog).find("listening") != std::string::npos; }))
-            << Slurp(kLog);
+        WriteText(molk::kPackagePath, PackageFile(""));
+        daemon_ = StartTool("configer", {"--store", kValues}, kLog);
+        ASSERT_TRUE(Eventually([] { return ReadText(kLog).find("listening") != std::string::npos; }))
+            << ReadText(kLog);
         gConnects = 0;
     }
     void TearDown() override {
-        svctest::StopTool(daemon_);
+        StopTool(daemon_);
         unlink(molk::kPackagePath);
     }
     // Waits until the daemon has finished `n` requests in all.
     void AwaitRequests(size_t n) {
-        ASSERT_TRUE(Eventually([n] { return Count(Slurp(kLog), " done\n") >= n; })) << Slurp(kLog);
-        EXPECT_EQ(n, Count(Slurp(kLog), " done\n"));
+        ASSERT_TRUE(Eventually([n] { return Count(ReadText(kLog), " done\n") >= n; })) << ReadText(kLog);
+        EXPECT_EQ(n, Count(ReadText(kLog), " done\n"));
     }
     std::string Value(const std::string &key) {
-        const std::string values = "\n" + Slurp(kValues);
+        const std::string values = "\n" + ReadText(kValues);
         size_t at = values.find("\n" + key + "=");
         if (at == std::string::npos) return "<none>";
         at += key.size() + 2;
@@ -94,19 +91,15 @@ protected:
 // unless listed, one that stops leaves, a piece that is no number ends the
 // walk. The daemon brings each sent order back into the package file.
 TEST_F(RunStatusTest, OrderSentFollowsTheTable) {
-    struct Row {
-        const char *read;
-        uint32_t status;
-        const char *sent;
-    };
-    const Row rows[] = {{"1,2", 1, "1,2,3"}, {"1,3,2", 1, "1,3,2"}, {"1,3,2", 2, "1,2"}, {"1,3,2", 0, "1,2"},
-                        {"3", 2, ""},        {"", 1, "3"},          {"", 2, ""},        {"1,x,3", 1, "1"},
-                        {"1,33", 2, "1,33"}, {"1,,2", 2, "1,2"},    {",3,", 1, ",3,"},  {"33,4", 1, "33,4,3"}};
+    const struct { const char *read; uint32_t status; const char *sent; } rows[] = {
+        {"1,2", 1, "1,2,3"}, {"1,3,2", 1, "1,3,2"}, {"1,3,2", 2, "1,2"}, {"1,3,2", 0, "1,2"},
+        {"3", 2, ""},        {"", 1, "3"},          {"", 2, ""},        {"1,x,3", 1, "1"},
+        {"1,33", 2, "1,33"}, {"1,,2", 2, "1,2"},    {",3,", 1, ",3,"},  {"33,4", 1, "33,4,3"}};
     const char *statusText[] = {"N/A", "on", "off"};
     size_t requests = 0;
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(std::string(row.read) + " status " + std::to_string(row.status));
-        Spill(molk::kPackagePath, PackageFile(row.read));
+        WriteText(molk::kPackagePath, PackageFile(row.read));
         char message[] = "all well";
         ASSERT_EQ(0, MolkSet_RunStatus(Id(kMotion), row.status, message));
         AwaitRequests(++requests);
@@ -141,52 +134,39 @@ TEST_F(RunStatusTest, RandomReportsKeepTheOrderOfRunningPackages) {
     }
 }
 
-// Refusals send nothing: the next request the daemon sees is a probe.
+// Refusals send nothing, not even a connect: a run status with a bad status
+// or of an unknown package (looked up first), and a command longer than the
+// 490 characters that fill the 512-byte request with the prefix and the
+// NUL. The first request the daemon sees is the longest command that fits.
 TEST_F(RunStatusTest, RefusalsSendNothing) {
-    Spill(molk::kPackagePath, PackageFile("1"));
-    struct Row {
-        MolkPkgId id;
-        uint32_t status;
-        const char *printed;
-    };
-    const Row rows[] = {{Id(kMotion), 3, "Invalid running status\n"},
-                        {Id(9), 1, "Package is inexistent\n"},
-                        {Id(9), 3, "Package is inexistent\n"}};  // the package is looked up first
-    for (const Row &row : rows) {
+    WriteText(molk::kPackagePath, PackageFile("1"));
+    const struct { MolkPkgId id; uint32_t status; const char *printed; } rows[] = {
+        {Id(kMotion), 3, "Invalid running status\n"}, {Id(9), 1, "Package is inexistent\n"},
+        {Id(9), 3, "Package is inexistent\n"}};
+    for (const auto &row : rows) {
         char message[] = "first\nsecond";
         testing::internal::CaptureStdout();
         EXPECT_EQ(-1, MolkSet_RunStatus(row.id, row.status, message));
         EXPECT_EQ(row.printed, testing::internal::GetCapturedStdout());
         EXPECT_STREQ("first\nsecond", message);
     }
-    EXPECT_EQ(0, gConnects);
-    ASSERT_EQ(0, SetToConfiger("probe=1"));
-    AwaitRequests(1);
-    EXPECT_NE(std::string::npos, Slurp(kLog).find("request 1: probe=1\n"));
-    EXPECT_EQ("1", Order());
-}
-
-// A command of 490 characters fills the 512-byte request with the prefix
-// and the NUL; one more is refused before any socket is made.
-TEST_F(RunStatusTest, CommandLengthLimit) {
     const std::string fits = "k=" + std::string(488, 'v');
-    ASSERT_EQ(490u, fits.size());
-    EXPECT_EQ(0, SetToConfiger(fits.c_str()));
-    EXPECT_EQ(1, gConnects);
-    AwaitRequests(1);
-    EXPECT_NE(std::string::npos, Slurp(kLog).find("request 1: " + fits + "\n"));
-    EXPECT_EQ(std::string(488, 'v'), Value("k"));
-
     testing::internal::CaptureStdout();
     EXPECT_EQ(-1, SetToConfiger((fits + "v").c_str()));
     EXPECT_EQ("[MOLKUTIL] command too long!!\n", testing::internal::GetCapturedStdout());
+    EXPECT_EQ(0, gConnects);
+    EXPECT_EQ(0, SetToConfiger(fits.c_str()));
     EXPECT_EQ(1, gConnects);
+    AwaitRequests(1);
+    EXPECT_NE(std::string::npos, ReadText(kLog).find("request 1: " + fits + "\n"));
+    EXPECT_EQ(std::string(488, 'v'), Value("k"));
+    EXPECT_EQ("1", Order());
 }
 
 // With the daemon down a request tries five connects and gives up with a
 // message; a run status is still reported as attempted.
 TEST_F(RunStatusTest, DaemonDownGivesUpAfterFiveTries) {
-    svctest::StopTool(daemon_);
+    StopTool(daemon_);
     daemon_ = -1;
     testing::internal::CaptureStderr();
     EXPECT_EQ(-1, SetToConfiger("a=1"));

@@ -20,6 +20,7 @@
 #include <functional>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sharedmem.h"
@@ -145,11 +146,7 @@ private:
 // What fn prints to stdout, and whether any piece of it was printed while
 // semaphore 0 of semId was taken. A line on a slow console must never hold
 // a sector lock.
-struct Printed {
-    int semId;
-    std::string text;
-    bool underLock;
-};
+struct Printed { int semId; std::string text; bool underLock; };
 inline Printed PrintedWhile(int semId, const std::function<void()> &fn) {
     Printed out = {semId, "", false};
     cookie_io_functions_t io = {};
@@ -291,14 +288,26 @@ inline bool Unpinned(FakeRing &ring, int i) {
     return memcmp(ring.entry(i).abyAccessCount, g_abyNULLArray, 16) == 0;
 }
 
-// The adaptive stamp file named by the ring's second tag, made fresh under
-// /tmp (the tests run with a private /tmp).
+// The word at the start of a stamp file; 0xFFFFFFFF when the file is
+// missing, 0xFFFFFFFE when it is shorter.
+inline uint32_t StampWord(const std::string &path) {
+    uint32_t tick = 0xFFFFFFFFu;
+    int fd = open(path.c_str(), O_RDONLY);
+    if (fd >= 0 && pread(fd, &tick, 4, 0) != 4) tick = 0xFFFFFFFEu;
+    if (fd >= 0) close(fd);
+    return tick;
+}
+
+// The adaptive stamp file named by the ring's second tag: the path given,
+// or one made fresh under /tmp (the tests run with a private /tmp).
 class StampFile {
 public:
-    explicit StampFile(FakeRing &ring) {
+    explicit StampFile(FakeRing &ring, std::string path = "") : path_(std::move(path)) {
         static int made = 0;
-        path_ = "/tmp/molk_stamp_" + std::to_string(getpid()) + "_" + std::to_string(++made);
-        unlink(path_.c_str());
+        if (path_.empty()) {
+            path_ = "/tmp/molk_stamp_" + std::to_string(getpid()) + "_" + std::to_string(++made);
+            unlink(path_.c_str());
+        }
         memset(ring.ring()->szSecondTag, 0, sizeof ring.ring()->szSecondTag);
         strncpy(ring.ring()->szSecondTag, path_.c_str(), SHM_TAG_MAX);
     }
@@ -309,13 +318,7 @@ public:
         ASSERT_EQ(4, pwrite(fd, &tick, 4, 0));
         close(fd);
     }
-    uint32_t Read() const {  // 0xFFFFFFFF when the file is missing
-        uint32_t tick = 0xFFFFFFFFu;
-        int fd = open(path_.c_str(), O_RDONLY);
-        if (fd >= 0 && pread(fd, &tick, 4, 0) != 4) tick = 0xFFFFFFFEu;
-        if (fd >= 0) close(fd);
-        return tick;
-    }
+    uint32_t Read() const { return StampWord(path_); }
 
 private:
     std::string path_;
