@@ -21,6 +21,7 @@ int Usage(FILE *out, int code) {
     for (const MolkmodCommand &c : kCommands) fprintf(out, "  molkmod %s %s\n", c.name, c.usage);
     fprintf(out, "examples:\n");
     for (const MolkmodCommand &c : kCommands) fprintf(out, "  %s\n", c.example);
+    fprintf(out, "--help prints this, --version the version.\n");
     return code;
 }
 
@@ -39,6 +40,10 @@ int Fail(const char *fmt, ...) {
 int main(int argc, char **argv) {
     if (argc < 2) return Usage(stderr, 2);
     if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) return Usage(stdout, 0);
+    if (strcmp(argv[1], "--version") == 0) {
+        printf("molkmod %s\n", MOLK_VERSION);
+        return 0;
+    }
     for (const MolkmodCommand &c : kCommands) {
         if (strcmp(argv[1], c.name) == 0) return c.run(argc - 1, argv + 1);
     }

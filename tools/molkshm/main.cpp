@@ -46,7 +46,8 @@ void PrintUsage(FILE *out) {
     for (const MolkshmCommand &c : kCommands) fprintf(out, "  molkshm %s %s\n", c.name, c.usage);
     fprintf(out, "KEY is decimal or 0x hex. TOTAL is like 64M or 2048K; DESC like\n"
                  "16M-video, 32M+video:/var/run/timeshift_adaptive.active, 4M~streaming,\n"
-                 "6144K~512K~streaming (a cache sector of 512K slots).\n");
+                 "6144K~512K~streaming (a cache sector of 512K slots).\n"
+                 "--help prints this with an example per command, --version the version.\n");
 }
 
 int Usage() {
@@ -133,6 +134,10 @@ void CloseSector(SharedMemHandle **handle, SharedMemBlockInfo **info) {
 int main(int argc, char **argv) {
     if (argc < 2) return Usage();
     if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) return Help();
+    if (strcmp(argv[1], "--version") == 0) {
+        printf("molkshm %s\n", MOLK_VERSION);
+        return 0;
+    }
     for (const MolkshmCommand &c : kCommands) {
         if (strcmp(argv[1], c.name) == 0) return c.run(argc - 1, argv + 1);
     }
