@@ -29,7 +29,8 @@
 // qemu-arm:
 //   device_load_bench [--seconds S] [--rounds N] [--poll-ms MS] [--only VARIANT]
 // S defaults to 20 (or MOLK_LOAD_SECONDS); with N rounds the variants run
-// N times each in rotating order and the summary gives the medians. --only
+// N times each in rotating order and the summary gives the medians of the
+// rounds the machine did not slow (see Undisturbed). --only
 // runs one variant, without ratios (for strace -c -f or perf).
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -570,6 +571,23 @@ bool ParseOptions(int argc, char **argv, Options *o) {
     return o->seconds > 0 && o->seconds <= 3600 && o->rounds > 0 && o->pollMs > 0;
 }
 
+// The writers do the same work in every round of a variant, so their CPU
+// time gauges the machine: on a virtual machine whose host is busy, a
+// round can run several times slower throughout (hypervisor time charged
+// to the guest's processes). Rounds whose writers took more than this many
+// times the variant's least are printed but left out of the medians.
+constexpr double kSlowedRound = 1.5;
+
+std::vector<Figures> Undisturbed(const std::vector<Figures> &runs) {
+    double least = runs.front().writerMsPerS;
+    for (const Figures &f : runs) least = std::min(least, f.writerMsPerS);
+    std::vector<Figures> kept;
+    for (const Figures &f : runs) {
+        if (f.writerMsPerS <= kSlowedRound * least) kept.push_back(f);
+    }
+    return kept;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -614,19 +632,20 @@ int main(int argc, char **argv) {
     Figures med[3];
     for (int v = 0; v < 3; ++v) {
         if (!o.run[v]) return 0;  // one variant alone: no ratios
-        auto pick = [&runs, v](double Figures::*field) {
+        const std::vector<Figures> kept = Undisturbed(runs[v]);
+        auto pick = [&kept](double Figures::*field) {
             std::vector<double> x;
-            for (const Figures &f : runs[v]) x.push_back(f.*field);
+            for (const Figures &f : kept) x.push_back(f.*field);
             return Median(x);
         };
-        med[v] = runs[v].back();
+        med[v] = kept.back();
         med[v].cpuMsPerS = pick(&Figures::cpuMsPerS);
         med[v].switchesPerS = pick(&Figures::switchesPerS);
         med[v].writerMsPerS = pick(&Figures::writerMsPerS);
         med[v].p50Us = pick(&Figures::p50Us);
         med[v].p99Us = pick(&Figures::p99Us);
         med[v].maxUs = pick(&Figures::maxUs);
-        printf("median   ");
+        printf("median of %zu/%zu rounds (others slowed) ", kept.size(), runs[v].size());
         PrintFigures(kVariantNames[v], med[v]);
     }
     const Figures &w = med[kWait], &p = med[kPoll], &s = med[kSocket];
