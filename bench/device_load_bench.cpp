@@ -42,6 +42,7 @@
 #include <cinttypes>
 #include <thread>
 
+#include "support/bench_procs.h"
 #include "support/plain_block.h"
 
 namespace {
@@ -136,12 +137,6 @@ uint32_t *Latencies(int reader, int stream) {
                       g_board->capacity;
 }
 
-uint64_t Switches() {
-    struct rusage ru;
-    getrusage(RUSAGE_SELF, &ru);
-    return static_cast<uint64_t>(ru.ru_nvcsw) + static_cast<uint64_t>(ru.ru_nivcsw);
-}
-
 uint64_t CpuNs() {
     struct rusage ru;
     getrusage(RUSAGE_SELF, &ru);
@@ -190,24 +185,6 @@ void Fill(uint8_t *frame, uint32_t bytes, uint32_t seq) {
 void PutStamp(uint8_t *frame, uint32_t bytes, uint32_t seq) {
     Stamp stamp = {NowNs(), seq, bytes};
     memcpy(frame, &stamp, sizeof stamp);
-}
-
-// The first lap of a fresh ring costs every process a page fault per page
-// it touches; a device's processes run for days, so the window starts
-// with every page of the ring mapped in the process, as in the steady
-// state. The writer writes its pages, a reader reads them.
-void MapRing(SharedMemHandle *handle, bool write) {
-    const SharedMemSectorHeader *ring = handle->ptHeader;
-    volatile uint8_t *base = static_cast<uint8_t *>(handle->pvBase);
-    uint8_t sink = 0;
-    for (uint32_t off = ring->dwStartOffset; off < ring->dwEndOffset; off += 4096) {
-        if (write) {
-            base[off] = 0;
-        } else {
-            sink = static_cast<uint8_t>(sink ^ base[off]);
-        }
-    }
-    (void)sink;
 }
 
 int RingWriter(SharedMemBlockInfo *info, int stream) {
@@ -424,21 +401,14 @@ struct Figures {
     uint64_t delivered = 0, expected = 0, missed = 0, refused = 0;
 };
 
+// A child whose stdout, where the library prints, goes to /dev/null.
 template <typename Body>
-pid_t Spawn(Body body) {
-    fflush(stdout);
-    fflush(stderr);
-    pid_t parent = getpid();
-    pid_t pid = fork();
-    if (pid != 0) return pid;
-    signal(SIGINT, SIG_DFL);  // the parent removes the block
-    signal(SIGTERM, SIG_DFL);
-    signal(SIGHUP, SIG_DFL);
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(1);
-    int null = open("/dev/null", O_WRONLY | O_CLOEXEC);  // the library's lines
-    if (null >= 0) dup2(null, 1);
-    _exit(body());
+pid_t SpawnQuiet(Body body) {
+    return Spawn([body]() {
+        int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (null >= 0) dup2(null, 1);
+        return body();
+    });
 }
 
 const char *RunVariant(Variant variant, const Options &o, Figures *out) {
@@ -473,7 +443,7 @@ const char *RunVariant(Variant variant, const Options &o, Figures *out) {
     SharedMemBlockInfo *info = block.info();
     pid_t pids[kProcesses];
     for (int s = 0; s < kStreams; ++s) {
-        pids[s] = Spawn([&, s]() {
+        pids[s] = SpawnQuiet([&, s]() {
             if (variant != kSocket) return RingWriter(info, s);
             closeAllBut(s, -1);
             int mine[kReaders];
@@ -482,7 +452,7 @@ const char *RunVariant(Variant variant, const Options &o, Figures *out) {
         });
     }
     for (int r = 0; r < kReaders; ++r) {
-        pids[kStreams + r] = Spawn([&, r]() {
+        pids[kStreams + r] = SpawnQuiet([&, r]() {
             int mine[kStreams];
             if (variant == kSocket) {
                 closeAllBut(-1, r);

@@ -35,6 +35,7 @@
 #include <cinttypes>
 #include <cmath>
 
+#include "support/bench_procs.h"
 #include "support/plain_block.h"
 
 namespace {
@@ -71,50 +72,6 @@ void Backoff(unsigned *round) {
     ++*round;
 }
 
-uint64_t Switches() {
-    struct rusage ru;
-    getrusage(RUSAGE_SELF, &ru);
-    return static_cast<uint64_t>(ru.ru_nvcsw) + static_cast<uint64_t>(ru.ru_nivcsw);
-}
-
-uint8_t FillByte(uint32_t seq) { return static_cast<uint8_t>(seq & 0xFFu); }
-
-uint64_t SumWords(const uint8_t *data, uint32_t size) {
-    uint64_t sum = 0;
-    for (uint32_t off = 0; off + 8 <= size; off += 8) {
-        uint64_t word;
-        memcpy(&word, data + off, sizeof word);
-        sum += word;
-    }
-    return sum;
-}
-
-uint64_t ExpectedSum(uint32_t seq, uint32_t size) {
-    return static_cast<uint64_t>(size / 8) * (0x0101010101010101ull * FillByte(seq));
-}
-
-bool WriteAll(int fd, const uint8_t *p, size_t size) {
-    while (size > 0) {
-        ssize_t n = write(fd, p, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-bool ReadAll(int fd, uint8_t *p, size_t size) {
-    while (size > 0) {
-        ssize_t n = read(fd, p, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // A page shared by the parent and its child: the start signal, the
 // reader's progress (the writer stays at most `window` frames ahead, as
 // a pipe's buffer bounds its writer) and what the child reports.
@@ -134,41 +91,6 @@ Shared *MapShared() {
     if (p == MAP_FAILED) return nullptr;
     memset(p, 0, sizeof(Shared));
     return static_cast<Shared *>(p);
-}
-
-template <typename Body>
-pid_t Spawn(Body body) {
-    fflush(stdout);
-    fflush(stderr);
-    pid_t parent = getpid();
-    pid_t pid = fork();
-    if (pid != 0) return pid;
-    signal(SIGINT, SIG_DFL);
-    signal(SIGTERM, SIG_DFL);
-    signal(SIGHUP, SIG_DFL);
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(1);
-    _exit(body());
-}
-
-bool Reap(pid_t pid) {
-    int status = 0;
-    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-           WEXITSTATUS(status) == 0;
-}
-
-void MapRing(SharedMemHandle *handle, bool write) {
-    const SharedMemSectorHeader *ring = handle->ptHeader;
-    volatile uint8_t *base = static_cast<uint8_t *>(handle->pvBase);
-    uint8_t sink = 0;
-    for (uint32_t off = ring->dwStartOffset; off < ring->dwEndOffset; off += 4096) {
-        if (write) {
-            base[off] = 0;
-        } else {
-            sink = static_cast<uint8_t>(sink ^ base[off]);
-        }
-    }
-    (void)sink;
 }
 
 bool Publish(SharedMemHandle *writer, uint32_t size, uint32_t seq, bool touch, uint64_t *refused) {

@@ -26,10 +26,16 @@
 
 #include "sharedmem.h"
 #include "bench_block.h"
+#include "bench_procs.h"
 
 namespace molkbench {
 
 using Clock = std::chrono::steady_clock;
+using plainbench::ExpectedSum;
+using plainbench::FillByte;
+using plainbench::ReadAll;
+using plainbench::SumWords;
+using plainbench::WriteAll;
 
 // Frames per measurement, by size: a few tens of milliseconds each.
 inline uint32_t FramesPerBatch(uint32_t size) {
@@ -42,54 +48,12 @@ inline constexpr int kWriterCpu = 0;
 inline constexpr int kReaderCpu = 1;
 inline constexpr auto kBatchDeadline = std::chrono::seconds(20);
 
-// Every byte of frame n is (n & 0xFF); the reader sums the frame as 64-bit
-// words and compares with what that fill gives.
-inline uint8_t FillByte(uint32_t seq) { return static_cast<uint8_t>(seq & 0xFFu); }
-
-inline uint64_t ExpectedSum(uint32_t seq, uint32_t size) {
-    return static_cast<uint64_t>(size / 8) * (0x0101010101010101ull * FillByte(seq));
-}
-
-inline uint64_t SumWords(const uint8_t *data, uint32_t size) {
-    uint64_t sum = 0;
-    for (uint32_t off = 0; off + 8 <= size; off += 8) {
-        uint64_t word;
-        memcpy(&word, data + off, sizeof word);
-        sum += word;
-    }
-    return sum;
-}
-
 // What the writer process sends back after each batch.
 struct WriterReport {
     uint32_t ok;         // 1, or 0 when the writer gave up
     uint32_t occupied;   // refusals: a reader's pin was in the way
     uint32_t unread;     // refusals: an unread frame was in the way
 };
-
-inline bool WriteAll(int fd, const void *data, size_t size) {
-    const uint8_t *p = static_cast<const uint8_t *>(data);
-    while (size > 0) {
-        ssize_t n = write(fd, p, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
-inline bool ReadAll(int fd, void *data, size_t size) {
-    uint8_t *p = static_cast<uint8_t *>(data);
-    while (size > 0) {
-        ssize_t n = read(fd, p, size);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
 
 // The writer process, commanded through pipes: the parent sends a frame
 // count per batch (0 ends it) and gets a WriterReport back after each.
