@@ -2,7 +2,6 @@
 // snapshot or metadata producer would run one. Each item carries a class
 // in the high 16 bits of its flag word, so that readers can pick theirs.
 #include <getopt.h>
-#include <signal.h>
 #include <time.h>
 
 #include <cstdio>
@@ -10,9 +9,6 @@
 #include "molkshm.h"
 
 namespace {
-
-volatile sig_atomic_t g_stop = 0;
-void OnSignal(int) { g_stop = 1; }
 
 struct CacheWriteOptions {
     uint32_t size = 1024;           // bytes of an item; at most the slot size
@@ -80,13 +76,7 @@ void OfferItem(SharedMemHandle *handle, const CacheWriteOptions &o, unsigned lon
 
 int CacheWriteLoop(SharedMemHandle *handle, const CacheWriteOptions &o) {
     Tally tally = {};
-    timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    for (unsigned long n = 0; !g_stop && (o.count == 0 || n < o.count); ++n) {
-        WaitForNth(start, n, o.rate, &g_stop);
-        if (g_stop) break;
-        OfferItem(handle, o, n, &tally);
-    }
+    RunPaced(o.count, o.rate, [&](unsigned long n) { OfferItem(handle, o, n, &tally); });
     printf("%lu items offered, %lu written (%lu KiB), %lu refused\n", tally.offered,
            tally.written, tally.bytes / 1024, tally.refused);
     fflush(stdout);
@@ -118,8 +108,6 @@ int CmdCacheWrite(int argc, char **argv) {
         rc = Fail("item size %u is larger than the slot size %u", options.size,
                   cache->dwPrimarySize);
     } else {
-        signal(SIGINT, OnSignal);
-        signal(SIGTERM, OnSignal);
         rc = CacheWriteLoop(handle, options);
     }
     CloseSector(&handle, &info);

@@ -3,7 +3,6 @@
 // its output is a pipe or a file, it prints one plain block per refresh,
 // so that it can be logged and compared.
 #include <getopt.h>
-#include <signal.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -15,8 +14,6 @@ namespace {
 
 constexpr const char *kClearHome = "\033[H\033[2J";
 
-volatile sig_atomic_t g_stop = 0;
-void OnSignal(int) { g_stop = 1; }
 
 struct TopOptions {
     unsigned long count = 0;       // refreshes; 0: until interrupted
@@ -119,11 +116,7 @@ void PrintBlock(SharedMemBlockInfo *info, key_t key, const PinWatch &watch, cons
 int TopLoop(SharedMemBlockInfo *info, key_t key, const TopOptions &o) {
     static PinWatch watch;  // kept off the stack
     bool redraw = o.count == 0 && isatty(STDOUT_FILENO);
-    timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    for (unsigned long n = 0; !g_stop && (o.count == 0 || n < o.count); ++n) {
-        WaitForNth(start, n, 1, &g_stop);
-        if (g_stop) break;
+    RunPaced(o.count, 1, [&](unsigned long n) {
         double now = Now();
         SamplePins(&watch, info, now);
         if (redraw) {
@@ -133,7 +126,7 @@ int TopLoop(SharedMemBlockInfo *info, key_t key, const TopOptions &o) {
         }
         PrintBlock(info, key, watch, o, now);
         fflush(stdout);
-    }
+    });
     return 0;
 }
 
@@ -147,8 +140,6 @@ int CmdTop(int argc, char **argv) {
     if (ParseTopOptions(argc - 1, argv + 1, &options) != 0) return 1;
     SharedMemBlockInfo *info = AttachOrFail(key);
     if (info == nullptr) return 1;
-    signal(SIGINT, OnSignal);
-    signal(SIGTERM, OnSignal);
     int rc = TopLoop(info, key, options);
     SharedMemBlock_Detach(&info);
     return rc;

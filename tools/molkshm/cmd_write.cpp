@@ -2,7 +2,6 @@
 // given rate, a key frame every N frames, and prints every refusal with its
 // status, as a device's writer would have to handle it.
 #include <getopt.h>
-#include <signal.h>
 #include <time.h>
 
 #include <cstdio>
@@ -11,9 +10,6 @@
 #include "molkshm.h"
 
 namespace {
-
-volatile sig_atomic_t g_stop = 0;
-void OnSignal(int) { g_stop = 1; }
 
 struct WriteOptions {
     uint32_t size = 4096;          // bytes of a predicted frame
@@ -106,13 +102,7 @@ void OfferFrame(SharedMemHandle *handle, const WriteOptions &o, unsigned long n,
 
 int WriteLoop(SharedMemHandle *handle, const WriteOptions &o) {
     Tally tally = {};
-    timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    for (unsigned long n = 0; !g_stop && (o.count == 0 || n < o.count); ++n) {
-        WaitForNth(start, n, o.rate, &g_stop);
-        if (g_stop) break;
-        OfferFrame(handle, o, n, &tally);
-    }
+    RunPaced(o.count, o.rate, [&](unsigned long n) { OfferFrame(handle, o, n, &tally); });
     printf("%lu frames offered, %lu written (%lu KiB), refused: %lu occupied, %lu unread, "
            "%lu too large, %lu lock failures\n",
            tally.offered, tally.written, tally.bytes / 1024, tally.refused[SHM_WRITE_OCCUPIED],
@@ -140,8 +130,6 @@ int CmdWrite(int argc, char **argv) {
     if (handle->ptHeader->dwSectorType != SHM_SECTOR_RING) {
         rc = Fail("sector '%s' is not a ring", tag);
     } else {
-        signal(SIGINT, OnSignal);
-        signal(SIGTERM, OnSignal);
         rc = WriteLoop(handle, options);
     }
     CloseSector(&handle, &info);

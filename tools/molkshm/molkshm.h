@@ -74,10 +74,28 @@ void SumPins(const uint8_t *counts, size_t stride, int entries, unsigned pins[16
 void FillPattern(uint8_t *place, uint32_t size, uint32_t number);
 bool CheckPattern(const uint8_t *data, uint32_t size);
 
+// Set by SIGINT and SIGTERM once StopOnSignals() has run: the loops of
+// the long-running subcommands end cleanly, closing their sectors.
+extern volatile sig_atomic_t g_stop;
+void StopOnSignals();
+
 // Sleeps until item n is due at `rate` items per second (0: at once), or
-// until *stop is set.
-void WaitForNth(const timespec &start, unsigned long n, unsigned long rate,
-                const volatile sig_atomic_t *stop);
+// until a signal stops the tool.
+void WaitForNth(const timespec &start, unsigned long n, unsigned long rate);
+
+// Calls step(n) for n = 0, 1, ... at `rate` calls a second (0: at once),
+// `count` times (0: until a signal stops the tool).
+template <typename Step>
+void RunPaced(unsigned long count, unsigned long rate, Step step) {
+    StopOnSignals();
+    timespec start;
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    for (unsigned long n = 0; !g_stop && (count == 0 || n < count); ++n) {
+        WaitForNth(start, n, rate);
+        if (g_stop) break;
+        step(n);
+    }
+}
 // Monotonic seconds.
 double Now();
 
