@@ -54,24 +54,6 @@ struct Options {
     bool cycle = true;
 };
 
-void CpuRelax() {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#elif defined(__arm__) || defined(__aarch64__)
-    __asm__ __volatile__("yield" ::: "memory");
-#else
-    __asm__ __volatile__("" ::: "memory");
-#endif
-}
-
-// 1, 2, 4 ... 64 pauses: an idle poller gives the writer time without
-// falling far behind it.
-void Backoff(unsigned *round) {
-    unsigned spins = 1u << std::min(*round, 6u);
-    for (unsigned i = 0; i < spins; ++i) CpuRelax();
-    ++*round;
-}
-
 // A page shared by the parent and its child: the start signal, the
 // reader's progress (the writer stays at most `window` frames ahead, as
 // a pipe's buffer bounds its writer) and what the child reports.

@@ -1,8 +1,8 @@
-// Blocks, handles and clients for benchmarks, under keys of this process's
-// own (derived from its pid), removed at the end of their benchmark, on
-// every failure path and on SIGINT/SIGTERM/SIGHUP; the library's chatter on
-// block creation and deletion is kept off the console. Also the pinning of
-// a process to one core and the backoff of a polling loop.
+// Handles and clients for the Google Benchmark programs, released with
+// their objects, on top of the plain programs' blocks (plain_block.h: keys
+// of this process's own, removed at the end, on every failure path and on
+// SIGINT/SIGTERM/SIGHUP) and process helpers (bench_procs.h). Also the
+// pinning of a process to one core for a scope.
 #ifndef MOLK_BENCH_SUPPORT_BENCH_BLOCK_H
 #define MOLK_BENCH_SUPPORT_BENCH_BLOCK_H
 
@@ -23,117 +23,21 @@
 #include <unistd.h>
 #include <vector>
 
+#include "bench_procs.h"
 #include "plain_block.h"
 #include "sharedmem.h"
 
 namespace molkbench {
 
 // The plain programs' helpers that these benchmarks share.
+using plainbench::Backoff;
+using plainbench::Block;
+using plainbench::CpuRelax;
+using plainbench::g_childPid;
+using plainbench::InstallCleanupHandlers;
 using plainbench::PinToCpu;
 using plainbench::Quiet;
 using plainbench::QuietFrameStoreLog;
-
-inline constexpr int kMaxLiveKeys = 4;
-inline volatile sig_atomic_t g_liveKeys[kMaxLiveKeys];  // 0: free
-inline volatile sig_atomic_t g_childPid = 0;           // the current writer process
-
-inline key_t NewKey() {
-    static unsigned serial = 0;
-    ++serial;
-    // 0x5B, then 16 bits of the pid and a serial: never IPC_PRIVATE (0).
-    unsigned pid = static_cast<unsigned>(getpid()) & 0xFFFFu;
-    return static_cast<key_t>(0x5B000000u | (pid << 8) | (serial & 0xFFu));
-}
-
-inline void RememberKey(key_t key) {
-    for (int i = 0; i < kMaxLiveKeys; ++i) {
-        if (g_liveKeys[i] == 0) {
-            g_liveKeys[i] = key;
-            return;
-        }
-    }
-}
-
-inline void ForgetKey(key_t key) {
-    for (int i = 0; i < kMaxLiveKeys; ++i) {
-        if (g_liveKeys[i] == key) g_liveKeys[i] = 0;
-    }
-}
-
-// Only system calls here: the handler may run in the middle of stdio.
-inline void RemoveEverything(int sig) {
-    if (g_childPid > 0) kill(static_cast<pid_t>(g_childPid), SIGKILL);
-    for (int i = 0; i < kMaxLiveKeys; ++i) {
-        key_t key = static_cast<key_t>(g_liveKeys[i]);
-        if (key == 0) continue;
-        int shmId = shmget(key, 0, 0);
-        if (shmId != -1) shmctl(shmId, IPC_RMID, nullptr);
-        int semId = semget(key, 0, 0);
-        if (semId != -1) semctl(semId, 0, IPC_RMID);
-    }
-    signal(sig, SIG_DFL);
-    raise(sig);
-}
-
-inline void InstallCleanupHandlers() {
-    signal(SIGINT, RemoveEverything);
-    signal(SIGTERM, RemoveEverything);
-    signal(SIGHUP, RemoveEverything);
-}
-
-// One block, attached, deleted with the object: a single ring sector, or
-// the sectors the caller describes.
-class Block {
-public:
-    Block() = default;
-    ~Block() { Destroy(); }
-    Block(const Block &) = delete;
-    Block &operator=(const Block &) = delete;
-
-    // One ring sector over the whole block.
-    bool Create(const char *total) {
-        std::string desc = std::string(total) + "-bench";
-        const char *descs[] = {desc.c_str()};
-        return Create(total, descs, 1);
-    }
-
-    // Sectors in the allocator's description syntax, e.g. "8M-video" for
-    // a ring or "4104K~513K~streaming" for a cache sector of 513 KiB slots.
-    bool Create(const char *total, const char *const *descs, int count) {
-        key_ = NewKey();
-        RememberKey(key_);
-        std::string totalText = total;
-        std::vector<std::string> texts(descs, descs + count);  // the allocator may write in them
-        std::vector<char *> pointers;
-        for (std::string &text : texts) pointers.push_back(&text[0]);
-        SharedMemBlockConfig config = {SHM_MEMORY_SYSV, 0, 0, 64 * 1024, 0};
-        Quiet quiet;
-        if (SharedMemBlock_Allocate(key_, &totalText[0], count, &config, pointers.data()) != 0) {
-            // A block of ours may be half made: shmget succeeded, semget not.
-            SharedMemBlock_Delete(key_);
-            ForgetKey(key_);
-            key_ = 0;
-            return false;
-        }
-        return SharedMemBlock_Attach(&info_, 0, key_) == 0;
-    }
-
-    void Destroy() {
-        Quiet quiet;
-        if (info_ != nullptr) SharedMemBlock_Detach(&info_);
-        if (key_ != 0) {
-            SharedMemBlock_Delete(key_);
-            ForgetKey(key_);
-            key_ = 0;
-        }
-    }
-
-    SharedMemBlockInfo *info() const { return info_; }
-
-private:
-    key_t key_ = 0;
-    SharedMemBlockInfo *info_ = nullptr;
-};
 
 // A sector handle, released with the object.
 class Handle {
@@ -184,25 +88,6 @@ inline int FirstQuery(SharedMemHandle *handle, Client *client, SharedMemReadRequ
     int result = SharedMem_QueryReadBuffer(handle, client->address(), &data, &size, request);
     if (result == 0) SharedMem_ReleaseReadBuffer(client->get());
     return result;
-}
-
-inline void CpuRelax() {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#elif defined(__arm__) || defined(__aarch64__)
-    __asm__ __volatile__("yield" ::: "memory");
-#else
-    __asm__ __volatile__("" ::: "memory");
-#endif
-}
-
-// Spins 1, 2, 4 ... 64 pauses (a few microseconds at most, about one
-// system call): an idle reader gives the writer time without falling far
-// behind it.
-inline void Backoff(unsigned *round) {
-    unsigned spins = 1u << std::min(*round, 6u);
-    for (unsigned i = 0; i < spins; ++i) CpuRelax();
-    ++*round;
 }
 
 // Pins the calling process to one core for its scope and restores the

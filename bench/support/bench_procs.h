@@ -1,7 +1,8 @@
 // Process helpers shared by the frame-store benchmarks, plain C++ so that
-// the programs built for armhf can use them too: child processes that die
-// with their parent, whole reads and writes on pipes, the frames' fill
-// pattern and its check, pre-faulting a ring, and context switch counts.
+// the programs built for armhf can use them too: spinning politely, child
+// processes that die with their parent, whole reads and writes on pipes,
+// the frames' fill pattern and its check, pre-faulting a ring, and context
+// switch counts.
 #ifndef MOLK_BENCH_SUPPORT_BENCH_PROCS_H
 #define MOLK_BENCH_SUPPORT_BENCH_PROCS_H
 
@@ -19,6 +20,25 @@
 #include "sharedmem.h"
 
 namespace plainbench {
+
+inline void CpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__arm__) || defined(__aarch64__)
+    __asm__ __volatile__("yield" ::: "memory");
+#else
+    __asm__ __volatile__("" ::: "memory");
+#endif
+}
+
+// Spins 1, 2, 4 ... 64 pauses (a few microseconds at most, about one
+// system call): an idle reader gives the writer time without falling far
+// behind it.
+inline void Backoff(unsigned *round) {
+    unsigned spins = 1u << (*round < 6u ? *round : 6u);
+    for (unsigned i = 0; i < spins; ++i) CpuRelax();
+    ++*round;
+}
 
 // Every byte of frame n is (n & 0xFF); the reader sums the frame as 64-bit
 // words and compares with what that fill gives.

@@ -59,9 +59,14 @@ inline key_t NewKey() {
     return static_cast<key_t>(0x5C000000u | (pid << 8) | (serial & 0xFFu));
 }
 
+// A child process to kill with the blocks (0: none), for programs whose
+// writer process would otherwise outlive an interrupted run.
+inline volatile sig_atomic_t g_childPid = 0;
+
 // Only system calls here: the handler may run in the middle of stdio.
 // Children that get the same signal remove the same objects: harmless.
 inline void RemoveBlock(int sig) {
+    if (g_childPid > 0) kill(static_cast<pid_t>(g_childPid), SIGKILL);
     for (int i = 0; i < kMaxBlocks; ++i) {
         key_t key = static_cast<key_t>(g_keys[i]);
         if (key == 0) continue;
@@ -125,7 +130,15 @@ public:
     Block(const Block &) = delete;
     Block &operator=(const Block &) = delete;
 
-    // Sectors in the allocator's description syntax, e.g. "8M-video".
+    // One ring sector over the whole block.
+    bool Create(const char *total) {
+        std::string desc = std::string(total) + "-bench";
+        const char *descs[] = {desc.c_str()};
+        return Create(total, descs, 1);
+    }
+
+    // Sectors in the allocator's description syntax, e.g. "8M-video" for
+    // a ring or "4104K~513K~streaming" for a cache sector of 513 KiB slots.
     bool Create(const char *total, const char *const *descs, int count) {
         key_ = NewKey();
         RememberKey(key_);
