@@ -501,13 +501,4 @@ private:
 
 }  // namespace
 
-int main(int argc, char **argv) {
-    InstallCleanupHandlers();
-    QuietFrameStoreLog();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    SummaryReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
-}
+int main(int argc, char **argv) { return RunWithSummary<SummaryReporter>(argc, argv); }

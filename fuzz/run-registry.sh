@@ -7,16 +7,9 @@
 # Usage: fuzz/run-registry.sh [SECONDS]
 set -euo pipefail
 secs=${1:-60}
-root=$(cd "$(dirname "$0")/.." && pwd)
-out=$root/build-fuzz/registry
-mkdir -p "$out/corpus" "$out/artifacts"
-CXX=${CXX:-clang++}
-"$CXX" -std=c++17 -O1 -g -fno-omit-frame-pointer \
-  -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=all \
-  -Wall -Wextra -Wshadow -Werror \
-  -I"$root/include" -I"$root/src" \
-  "$root/fuzz/registry_fuzz.cpp" "$root/src/moduleservices/registry_file.cpp" \
-  "$root/src/molkxmlprocessor.cpp" -o "$out/registry_fuzz"
+source "$(dirname "$0")/build.sh"
+build_fuzzer registry "$root/fuzz/registry_fuzz.cpp" "$root/src/moduleservices/registry_file.cpp" \
+  "$root/src/molkxmlprocessor.cpp"
 # New inputs go to the build directory; the seeds stay as they are.
 cd "$out"
 exec ./registry_fuzz -max_total_time="$secs" -max_len=9000 -timeout=10 -rss_limit_mb=2048 \

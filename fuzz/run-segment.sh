@@ -8,15 +8,8 @@
 set -euo pipefail
 secs=${1:-60}
 shift || true
-root=$(cd "$(dirname "$0")/.." && pwd)
-out=$root/build-fuzz/segment
-mkdir -p "$out/corpus" "$out/artifacts"
-CXX=${CXX:-clang++}
-"$CXX" -std=c++17 -O1 -g -fno-omit-frame-pointer \
-  -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=all \
-  -Wall -Wextra -Wshadow -Werror \
-  -I"$root/include" -I"$root/src" \
-  "$root/fuzz/segment_fuzz.cpp" "$root"/src/framestore/*.cpp -o "$out/segment_fuzz"
+source "$(dirname "$0")/build.sh"
+build_fuzzer segment "$root/fuzz/segment_fuzz.cpp" "$root"/src/framestore/*.cpp
 cd "$out"
 exec "$root/tests/support/isolated.sh" ./segment_fuzz -max_total_time="$secs" -max_len=512 \
   -timeout=10 -rss_limit_mb=2048 -artifact_prefix="$out/artifacts/" -print_final_stats=1 \

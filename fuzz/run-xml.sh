@@ -6,15 +6,8 @@
 # Usage: fuzz/run-xml.sh [SECONDS]
 set -euo pipefail
 secs=${1:-60}
-root=$(cd "$(dirname "$0")/.." && pwd)
-out=$root/build-fuzz/xml
-mkdir -p "$out/corpus" "$out/artifacts"
-CXX=${CXX:-clang++}
-"$CXX" -std=c++17 -O1 -g -fno-omit-frame-pointer \
-  -fsanitize=fuzzer,address,undefined -fno-sanitize-recover=all \
-  -Wall -Wextra -Wshadow -Werror \
-  -I"$root/include" -I"$root/fuzz" \
-  "$root/fuzz/xml_fuzz.cpp" "$root/src/molkxmlprocessor.cpp" -o "$out/xml_fuzz"
+source "$(dirname "$0")/build.sh"
+build_fuzzer xml "$root/fuzz/xml_fuzz.cpp" "$root/src/molkxmlprocessor.cpp"
 # New inputs go to the build directory; the seeds stay as they are.
 cd "$out"
 exec ./xml_fuzz -max_total_time="$secs" -max_len=4096 -timeout=10 -rss_limit_mb=2048 \

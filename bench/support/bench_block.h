@@ -120,6 +120,20 @@ inline bool PublishFrame(SharedMemHandle *writer, uint32_t size, uint32_t flags,
     return SharedMem_UpdateWritedBuffer(writer, &info) == 0;
 }
 
+// The main of a program whose reporter prints summary lines beside Google
+// Benchmark's console output: blocks removed on signals, the library quiet.
+template <typename Reporter>
+int RunWithSummary(int argc, char **argv) {
+    InstallCleanupHandlers();
+    QuietFrameStoreLog();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    Reporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}
+
 }  // namespace molkbench
 
 #endif  // MOLK_BENCH_SUPPORT_BENCH_BLOCK_H
